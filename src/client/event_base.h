@@ -1,0 +1,174 @@
+// One app's state on the server: the worker thread with its task queue (Handler) and the
+// event base (CEventBase) that holds the app's transfer, catalogue and reply state.
+//
+// Threads: the main thread creates and destroys event bases, dispatches packets and runs
+// the immediate handlers; the worker runs queued tasks one at a time.
+//
+// Lock order (outer first): regionMutex -> sendMutex -> mLock (log switch file).
+// taskMutex and locationMutex are leaves: nothing else is taken while either is held.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/packet.h"
+
+struct cJSON;
+
+namespace korvel {
+
+class CJSONFile;
+
+constexpr uint8_t TASK_CATALOGUE = 0;
+constexpr uint8_t TASK_DELETE = 1;
+constexpr uint8_t TASK_STREAM3 = 3;
+constexpr uint8_t TASK_STREAM6 = 6;
+constexpr uint8_t TASK_STOP = 0xFF;
+
+struct HandlerTask {
+    uint8_t type = TASK_STOP;
+    uint32_t offset = 0;
+    uint32_t length = 0;
+    int32_t fd = -1;
+    uint8_t marker = 0;
+    uint16_t value = 0;
+    std::unique_ptr<char[]> payload;  // delete task: its own NUL-terminated copy of the JSON
+};
+
+class Handler {
+public:
+    Handler();
+    virtual ~Handler();
+    virtual void process(HandlerTask& task) = 0;
+
+    static void threadEntrance(Handler* h);
+    void queue_task(HandlerTask task);  // append, notify_all, never waits for the worker
+
+protected:
+    void start_worker();  // last step of the derived constructor
+    void stop_worker();   // clears running, queues the stop marker, joins
+
+    std::unique_ptr<std::thread> workerThread;
+    std::atomic<uint8_t> running{0};
+    std::mutex taskMutex;
+    std::condition_variable taskCond;
+    std::deque<HandlerTask> taskQueue;
+};
+
+// The location fields copied out under locationMutex, for readers on the worker thread.
+struct LocationSnapshot {
+    char resourceLocation[1025];
+    char locPostfix[1024];
+    uint8_t userDefLocation;
+    int32_t resourceLocationId;
+};
+
+class CEventBase : public Handler {
+public:
+    CEventBase();
+    ~CEventBase() override;
+    CEventBase(const CEventBase&) = delete;
+    CEventBase& operator=(const CEventBase&) = delete;
+
+    // ---- client/: dispatch and task execution (main thread / worker) ----
+    void process(HandlerTask& task) override;
+    int32_t event_base_process(int fd, CPacket& packet);
+    int32_t event_base_process_data(int fd, CPacket& packet);
+    int32_t event_base_process_ctrl(int fd, CPacket& packet);
+    int32_t check_last_package(CPacket& packet);
+    void reply_transfer_position(int fd);
+    int32_t process_quit(int fd);
+
+    // ---- core/: replies and the loop's checks ----
+    int32_t send_msg_data_to_app(int fd, uint8_t marker, uint8_t msgType, uint32_t offset,
+                                 const void* data, uint32_t len);
+    int32_t send_msg_ack_to_app(int fd, uint8_t marker, uint8_t msgType, uint32_t offset,
+                                uint8_t ackFlag, uint16_t ackCode, uint16_t ackValue);
+    int32_t check_seq_no(CPacket& packet);
+    int32_t check_crc(int fd, CPacket& packet);
+    uint8_t quit_received();
+
+    // ---- transfer/: configuration, names, region, download, capability, metadata, stream ----
+    void process_data_file_config(int fd, CPacket& packet);
+    int32_t get_abs_file_dir(const char* name, std::string& filename, std::string& absfiledir);
+    LocationSnapshot location_snapshot();
+    int32_t event_switch_meminfo(int fd, uint8_t msgType);
+    void release_region();  // unmap (MADV_DONTNEED first); shared by the switch and the destructor
+    int32_t download_file_name_check(CPacket& packet);
+    int32_t process_data_file_download(int fd, CPacket& packet);
+    void process_cap_get(int fd);
+    int32_t process_data_file_metadata(int fd, CPacket& packet);
+    int32_t transfer_file_data(int fd, uint8_t msgType, uint32_t offset, uint32_t length);
+    void transfer_thumbnail_data(int fd, uint32_t offset);
+
+    // ---- catalogue/: scan, classification, walk, delivery (worker) ----
+    void json_file_list_send(int fd, uint8_t marker, uint16_t type, uint32_t offset);
+    void json_file_list_create(uint32_t* length);
+    int32_t json_look_from_dir(cJSON* media);
+    void json_media_type_classify(char* ext, const char* name, int32_t slot);
+    void json_look_by_filetime(char* ext, const char* name, const uint16_t& type, int32_t slot);
+    bool is_recent(int32_t limit);
+    int32_t json_look_by_filetype(cJSON* media, int32_t filledSlots);
+    void make_display_name(const std::string& file, const std::string& dir, char* dispName,
+                           char* fullPath);
+
+    // ---- delete/: delete request (worker) ----
+    void process_file_delete(int fd, char* text);
+    void json_file_delete(int fd, const char* text);
+
+    // ---- fields; "main" / "worker" say which thread writes them ----
+    char fileName[1024];             // main (download, metadata)
+    int32_t fileFd = -1;             // main (download, capability), worker (failed switch); regionMutex
+    uint8_t* mmap_base_addr = nullptr;  // regionMutex
+    uint8_t fileOpened = 0;          // regionMutex
+    uint32_t fileSize = 0;           // regionMutex
+    uint32_t mapsize = 0;            // regionMutex
+    uint32_t mapoff = 0;             // regionMutex
+    uint32_t positionWord = 0;       // main
+    std::atomic<uint8_t> quitRequested{0};    // main (quit, destructor); polled by the worker
+    std::atomic<uint8_t> lastPackageDone{0};  // main
+    std::atomic<uint8_t> sendFailed{0};       // worker or main (burst senders)
+    char downFileName[1024];         // main
+    uint8_t thumbBuf[122880];        // main; regionMutex
+    uint32_t thumbSize = 0;          // main; regionMutex
+    std::atomic<uint8_t> thumbReady{0};  // main
+    std::atomic<uint8_t> busy{0};    // worker
+    cJSON* catalogueJson = nullptr;  // worker
+    std::unique_ptr<CJSONFile> mediaRecord;  // main (metadata); the catalogue uses its own record
+    std::string catalogueText;       // worker
+    char ctimePath[1024];            // worker
+    uint32_t catalogueLen = 0;       // worker
+    std::array<std::string, 100> mediaDirNames;                 // worker
+    std::array<std::vector<std::string>, 100> mediaFileLists;   // worker
+    std::array<std::vector<std::string>, 100> extraFileLists;   // worker
+    std::atomic<uint32_t> readOffset{0};  // worker (stream), main (capability); regionMutex for writes
+    std::atomic<uint32_t> replySeqNO{0};  // main
+    uint32_t lastSeqNO = 0;          // main
+    uint16_t catalogueType = 0;      // worker
+    CPacket sendPacket;              // sendMutex
+    std::mutex sendMutex;            // one whole reply packet at a time
+    std::atomic<uint32_t> softwareVerConfig{0};  // main
+    std::atomic<uint8_t> userDefConfig{0};       // main
+    std::atomic<uint32_t> userDefPacksize{4096};  // main
+    std::atomic<uint32_t> userDefBlocks{1};       // main
+    char resourceLocation[1025];     // main; locationMutex
+    uint8_t userDefLocation = 0;     // main; locationMutex
+    char locPostfix[1024];           // main; locationMutex
+    int32_t resourceLocationId = -1;  // main; locationMutex
+
+    // Keeps a chunk stream (worker) and a download or capability request (main) from
+    // touching the mapped region, the open file or the thumbnail at the same time.
+    std::mutex regionMutex;
+    // Guards the location texts written by the configuration and read by worker tasks.
+    std::mutex locationMutex;
+};
+
+}  // namespace korvel

@@ -1,0 +1,39 @@
+// Moving bytes on non-blocking sockets: whole reads and writes, and the per-connection
+// packet assembler the server loop uses so that one stalled peer cannot hold the loop.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+namespace korvel {
+
+class CPacket;
+
+// n when all bytes arrived, 0 when the peer closed first, -1 on a read error.
+// Waits for readability with poll between partial reads.
+int readn(int fd, void* buf, int n);
+// n when all bytes were written, -1 on failure. Waits for writability with poll; gives up
+// (and shuts the connection down) after WRITE_STALL_MS without progress.
+int writen(int fd, const void* buf, int n);
+// As writen, for a packet made of up to three pieces (header, payload, trailer).
+int writev_all(int fd, const void* a, int alen, const void* b, int blen, const void* c, int clen);
+
+// Reassembles one packet of one connection across readiness events, reading only the
+// bytes of that packet. feed() returns: > 0 whole packet (payloadlen + 24) now in the
+// CPacket (header converted), 1 == INCOMPLETE is never a size, so INCOMPLETE is -3; 0 peer
+// closed; -1 read error; -2 bad payloadlen. Partial bytes live here between calls.
+class PacketAssembler {
+public:
+    static constexpr int32_t INCOMPLETE = -3;
+    PacketAssembler();
+    ~PacketAssembler();
+    int32_t feed(int fd, CPacket& packet);
+    bool idle() const { return have == 0; }
+
+private:
+    std::unique_ptr<uint8_t[]> partial;  // allocated only while a packet is split
+    uint32_t have = 0;
+    uint32_t need = 0;
+};
+
+}  // namespace korvel

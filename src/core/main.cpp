@@ -1,0 +1,2 @@
+// Process entry: placeholder until the server lands.
+int main() { return 1; }

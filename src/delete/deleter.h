@@ -1,0 +1,38 @@
+// The background deleter: one thread per process that unlinks files moved into the
+// holding directory by delete requests.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace korvel {
+
+class DWF_DELHandler {
+public:
+    DWF_DELHandler();
+    virtual ~DWF_DELHandler();
+    DWF_DELHandler(const DWF_DELHandler&) = delete;
+    DWF_DELHandler& operator=(const DWF_DELHandler&) = delete;
+
+    static void DelEntrance(DWF_DELHandler* d);
+    static void remove_file(const std::string& path);
+    void queue_path(const std::string& path);  // append, notify_all; never waits for the disk
+    void start();                              // starts delThread running DelEntrance(this)
+
+    std::unique_ptr<std::thread> delThread;
+    std::mutex delMutex;
+    std::atomic<uint8_t> running{0};
+    std::condition_variable delCond;
+    std::deque<std::string> pendingNames;
+};
+
+// Set once by korvel_download_init before any event base exists; never changed after.
+extern DWF_DELHandler* mdeletehanlder;
+
+}  // namespace korvel

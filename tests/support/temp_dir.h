@@ -1,0 +1,30 @@
+// A temporary directory for one test, removed with everything in it at the end.
+#pragma once
+
+#include <string>
+
+namespace korvel {
+namespace testsupport {
+
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return dir; }
+    std::string file(const std::string& rel) const { return dir + "/" + rel; }
+
+private:
+    std::string dir;
+};
+
+// Helpers for building trees: create parent directories and write bytes.
+void make_dirs(const std::string& path);
+void write_file(const std::string& path, const std::string& bytes);
+std::string read_file(const std::string& path);
+bool exists(const std::string& path);
+void remove_tree(const std::string& path);
+
+}  // namespace testsupport
+}  // namespace korvel
