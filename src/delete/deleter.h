@@ -30,6 +30,9 @@ public:
     std::atomic<uint8_t> running{0};
     std::condition_variable delCond;
     std::deque<std::string> pendingNames;
+    // Set by the destructor before it queues the wake-up marker. The thread sets `running`
+    // itself, possibly after the destructor cleared it, so this is what it trusts to stop.
+    std::atomic<uint8_t> stopRequested{0};
 };
 
 // Set once by korvel_download_init before any event base exists; never changed after.
