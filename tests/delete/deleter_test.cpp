@@ -3,68 +3,22 @@
 #include "delete/deleter.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/inotify.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "delete/delete_fixture.h"
 #include "support/temp_dir.h"
 
 namespace korvel {
 namespace {
 
+using deletetest::UnlinkWatch;
 using testsupport::exists;
 using testsupport::TempDir;
 using testsupport::write_file;
-
-// Records the names of files unlinked in one directory, in the order the kernel saw it.
-class UnlinkWatch {
-public:
-    explicit UnlinkWatch(const std::string& dir) {
-        fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-        if (fd >= 0) {
-            inotify_add_watch(fd, dir.c_str(), IN_DELETE);
-        }
-    }
-    ~UnlinkWatch() {
-        if (fd >= 0) {
-            close(fd);
-        }
-    }
-    bool ok() const { return fd >= 0; }
-
-    // Collects events until `count` names are seen or the deadline passes.
-    std::vector<std::string> wait_for(size_t count, int deadlineMs = 10000) {
-        auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(deadlineMs);
-        while (names.size() < count && std::chrono::steady_clock::now() < until) {
-            struct pollfd p = {fd, POLLIN, 0};
-            if (poll(&p, 1, 100) > 0) {
-                drain();
-            }
-        }
-        return names;
-    }
-
-private:
-    void drain() {
-        alignas(struct inotify_event) char buf[8192];
-        ssize_t n = read(fd, buf, sizeof buf);
-        for (ssize_t at = 0; at < n;) {
-            auto* ev = reinterpret_cast<struct inotify_event*>(buf + at);
-            if (ev->len > 0) {
-                names.emplace_back(ev->name);
-            }
-            at += static_cast<ssize_t>(sizeof(struct inotify_event) + ev->len);
-        }
-    }
-
-    int fd = -1;
-    std::vector<std::string> names;
-};
 
 class DeleterTest : public ::testing::Test {
 protected:
