@@ -1,9 +1,11 @@
 // The delete request run as the worker runs it, against a card in a temporary directory:
 // replies read from a socketpair, queued paths read from a deleter that is never started.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/fsuid.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -312,6 +314,38 @@ TEST_F(DeleteRequestTest, BeforeAnyConfigurationEveryNameIsRefused) {
     EXPECT_THAT(acks(), ElementsAre(ACK_DONE, ACK_BAD_NAME, ACK_BAD_NAME));
     EXPECT_TRUE(exists(tree.in_media("IMG.JPG")));
     EXPECT_TRUE(survived);
+}
+
+// What a download holds while the file is deleted under it: an open descriptor and a
+// shared read-only mapping. Moving and unlinking must leave every mapped byte readable
+// and unchanged (a truncating delete would turn the next read into SIGBUS).
+TEST_F(DeleteRequestTest, MappedVideoKeepsItsBytesThroughMoveAndUnlink) {
+    std::string bytes(3 * 4096 + 17, '\0');
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        bytes[i] = static_cast<char>(i * 131 + 7);
+    }
+    tree.put(tree.in_media("V.MP4"), bytes);
+    int fd = open(tree.in_media("V.MP4").c_str(), O_RDONLY);
+    ASSERT_GE(fd, 0);
+    void* map = mmap(nullptr, bytes.size(), PROT_READ, MAP_SHARED, fd, 0);
+    ASSERT_NE(map, MAP_FAILED);
+
+    DWF_DELHandler live;
+    live.start();
+    mdeletehanlder = &live;
+    run(R"({"media":["100MEDIA-V.MP4"]})");
+    EXPECT_TRUE(deletetest::eventually([&] { return deletetest::entries_in(tree.holding) == 0; }));
+    mdeletehanlder = &queued;
+
+    EXPECT_THAT(acks(), ElementsAre(ACK_DONE));
+    EXPECT_FALSE(exists(tree.in_media("V.MP4")));
+    EXPECT_TRUE(memcmp(map, bytes.data(), bytes.size()) == 0);
+    struct stat st;
+    ASSERT_EQ(fstat(fd, &st), 0);
+    EXPECT_EQ(static_cast<size_t>(st.st_size), bytes.size());
+    EXPECT_EQ(st.st_nlink, 0u);  // really unlinked, kept alive only by the descriptor
+    munmap(map, bytes.size());
+    close(fd);
 }
 
 }  // namespace
