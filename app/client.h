@@ -4,10 +4,12 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace korvel {
+class CPacket;
 namespace app {
 
 struct Reply {
@@ -15,7 +17,7 @@ struct Reply {
     uint32_t marker = 0;
     uint32_t msgType = 0;
     uint32_t seqNO = 0;
-    uint32_t peerID = 0;   // the server packet object's localId
+    uint32_t peerID = 0;  // the server packet object's localId
     uint32_t offset = 0;
     uint32_t timestamp = 0;
     bool crcOk = false;
@@ -30,16 +32,34 @@ constexpr int CLIENT_TIMEOUT = -10;
 constexpr int CLIENT_CLOSED = -11;
 constexpr int CLIENT_ERROR = -12;
 constexpr int CLIENT_BAD_PACKET = -13;
+constexpr int CLIENT_REFUSED = -14;  // connect_to: nobody listens there
+
+// Largest payload a reply may carry (the server's packet buffer).
+constexpr uint32_t REPLY_MAX_PAYLOAD = 65536;
+
+// CRC-32 of a packet laid out in wire order: header words (and a control packet's ackWord)
+// enter byte-reversed, the rest of the payload as it stands.
+uint32_t packet_crc(const uint8_t* wire, uint32_t payloadlen);
+
+// A whole packet in wire order, trailer included; payload may be null when len is 0.
+std::vector<uint8_t> encode_packet(uint32_t reqType, uint32_t marker, uint32_t msgType,
+                                   uint32_t seqNO, uint32_t peer, uint32_t offset,
+                                   uint32_t timestamp, const void* payload, uint32_t len);
+
+// Short human text for a status code ("not found", "too large", ...), "unknown" otherwise.
+const char* ack_code_text(uint32_t code);
 
 class Client {
 public:
-    Client() = default;
+    Client();
     ~Client();
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
     int connect_to(const std::string& host, uint16_t port, int timeoutMs = 3000);
     void close_connection();
+    // Takes ownership of an already connected socket (tests drive a socketpair this way).
+    void adopt_fd(int fd);
     int fd() const { return sock; }
 
     uint32_t peerID = 1;
@@ -70,8 +90,16 @@ public:
     int ack_last_package(uint8_t marker = 1);
     int quit();
 
+    // Further message helpers (all data packets).
+    int request_metadata(const std::string& name);
+    int request_capability();
+    int request_delete(const std::string& json);
+
 private:
     int sock = -1;
+    uint64_t startUs = 0;         // timestamps count from here
+    std::unique_ptr<CPacket> rx;  // reused for every reply
+    uint32_t timestamp_now() const;
 };
 
 // The configuration payload: location text (1024 bytes), config word and block word.
