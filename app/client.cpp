@@ -249,6 +249,9 @@ int Client::send_raw(const void* bytes, size_t len) {
         return CLIENT_ERROR;
     }
     const uint8_t* p = static_cast<const uint8_t*>(bytes);
+    if (tap) {
+        tap(true, p, len);
+    }
     size_t done = 0;
     while (done < len) {
         ssize_t w = send(sock, p + done, len - done, MSG_NOSIGNAL);
@@ -312,6 +315,9 @@ int Client::read_reply(Reply& reply, int timeoutMs) {
     r = read_exact(sock, buf + PACKET_HEADER_SIZE, len + PACKET_TRAILER_SIZE, deadline);
     if (r != CLIENT_OK) {
         return r;
+    }
+    if (tap) {
+        tap(false, buf, PACKET_HEADER_SIZE + len + PACKET_TRAILER_SIZE);
     }
     uint32_t crc = packet_crc(buf, len);
     rx->unpackHeader();

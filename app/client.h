@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -90,6 +91,11 @@ public:
     int ack_last_package(uint8_t marker = 1);
     int quit();
 
+    // Sees every packet sent (fromApp true) and every whole reply read, as wire bytes;
+    // a capture of the session without capture privileges.
+    using Tap = std::function<void(bool fromApp, const uint8_t* bytes, size_t len)>;
+    void set_tap(Tap t) { tap = std::move(t); }
+
     // Further message helpers (all data packets).
     int request_metadata(const std::string& name);
     int request_capability();
@@ -99,6 +105,7 @@ private:
     int sock = -1;
     uint64_t startUs = 0;         // timestamps count from here
     std::unique_ptr<CPacket> rx;  // reused for every reply
+    Tap tap;
     uint32_t timestamp_now() const;
 };
 

@@ -160,7 +160,9 @@ local function message_name(control, msgtype, ackflag, ackcode)
             if msgtype == 0 and ackcode == 0xFB04 then
                 return "acknowledge " .. n .. " (last package)"
             end
-            return (CTRL_TYPES[msgtype] or "type " .. msgtype) .. " " .. n
+            -- The server acknowledges data requests too, with the request's msgType.
+            local what = CTRL_TYPES[msgtype] or DATA_TYPES[msgtype] or ("type " .. msgtype)
+            return what .. " " .. n
         end
         return CTRL_TYPES[msgtype] or "unknown"
     end
@@ -174,7 +176,13 @@ local function dissect_packet(tvb, pinfo, root)
     local msgtype = bits.band(bits.rshift(word0, 24), 0x1F)
     local seqno = bits.band(word0, 0xFFFFFF)
     local payloadlen = tvb(12, 4):uint()
-    local from_app = pinfo.dst_port == SERVER_PORT
+    -- The server's port is the one the dissector was registered on (9800, or another
+    -- chosen with "Decode As").
+    local server_port = pinfo.match_uint
+    if server_port == nil or server_port == 0 then
+        server_port = SERVER_PORT
+    end
+    local from_app = pinfo.dst_port == server_port
 
     local ackflag, ackcode
     if control and payloadlen >= 4 then
