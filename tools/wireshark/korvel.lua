@@ -26,6 +26,11 @@ local DATA_TYPES = {
 local CTRL_TYPES = {
     [0] = "catalogue", [3] = "chunk", [5] = "position", [6] = "chunk", [7] = "quit",
 }
+-- Data packets the server sends answer these requests.
+local REPLY_TYPES = {
+    [0] = "catalogue", [2] = "download", [3] = "chunk", [5] = "position", [6] = "chunk",
+    [18] = "capability", [19] = "metadata",
+}
 local ACK_CODES = {
     [0xFB00] = "ACK_DONE", [0xFB02] = "ACK_NOT_FOUND", [0xFB03] = "ACK_BAD_CHECKSUM",
     [0xFB04] = "ACK_END_OF_DATA", [0xFB06] = "ACK_FAILED", [0xFB08] = "ACK_TOO_LARGE",
@@ -153,7 +158,7 @@ local function dissect_data_payload(tvb, tree, msgtype, payloadlen, from_app)
     end
 end
 
-local function message_name(control, msgtype, ackflag, ackcode)
+local function message_name(control, msgtype, ackflag, ackcode, from_app)
     if control then
         if ackflag == 1 and ackcode then
             local n = ACK_CODES[ackcode] or string.format("0x%04X", ackcode)
@@ -165,6 +170,9 @@ local function message_name(control, msgtype, ackflag, ackcode)
             return what .. " " .. n
         end
         return CTRL_TYPES[msgtype] or "unknown"
+    end
+    if not from_app then
+        return REPLY_TYPES[msgtype] or "unknown"
     end
     return DATA_TYPES[msgtype] or "unknown"
 end
@@ -190,7 +198,7 @@ local function dissect_packet(tvb, pinfo, root)
         ackflag = bits.rshift(ackword, 31)
         ackcode = bits.band(ackword, 0xFFFF)
     end
-    local name = message_name(control, msgtype, ackflag, ackcode)
+    local name = message_name(control, msgtype, ackflag, ackcode, from_app)
 
     local tree = root:add(korvel, tvb(0, HEADER + payloadlen + TRAILER))
     local w0 = tree:add(f.word0, tvb(0, 4))
