@@ -153,6 +153,7 @@ public:
     std::atomic<uint32_t> replySeqNO{0};  // main
     uint32_t lastSeqNO = 0;          // main
     uint16_t catalogueType = 0;      // worker
+    LocationSnapshot catalogueLocation{};  // worker: the location a catalogue is built under
     CPacket sendPacket;              // sendMutex
     std::mutex sendMutex;            // one whole reply packet at a time
     std::atomic<uint32_t> softwareVerConfig{0};  // main

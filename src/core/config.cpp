@@ -27,8 +27,12 @@ const char* active_capability_path() {
 }
 
 namespace testing_seam {
-void set_sd_root(const char* root) { sd_root_override() = root ? root : ""; }
-void set_capability_path(const char* path) { capability_override() = path ? path : ""; }
+void set_sd_root(const char* root) {
+    sd_root_override() = root ? root : "";
+}
+void set_capability_path(const char* path) {
+    capability_override() = path ? path : "";
+}
 }  // namespace testing_seam
 
 }  // namespace korvel

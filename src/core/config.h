@@ -22,9 +22,9 @@ constexpr const char* HOLDING_DIR = "tmp_delete";
 constexpr const char* LOG_CONF_NAME = "/krv_log.conf";
 constexpr const char* CAPABILITY_PATH = "/webSvr/web/files/camera_definition.xml";
 
-constexpr uint32_t TEXT_BUF = 1024;         // most fixed text buffers
+constexpr uint32_t TEXT_BUF = 1024;              // most fixed text buffers
 constexpr uint32_t MAX_BURST_BYTES = 209715200;  // 200 MiB: packsize * blocks limit
-constexpr uint32_t PAGE_SIZE_FIXED = 4096;  // region alignment; not the system page size
+constexpr uint32_t PAGE_SIZE_FIXED = 4096;       // region alignment; not the system page size
 constexpr uint32_t THUMB_BUF_SIZE = 122880;
 constexpr uint32_t MAX_MEDIA_DIRS = 100;
 

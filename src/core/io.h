@@ -31,9 +31,13 @@ public:
     bool idle() const { return have == 0; }
 
 private:
+    void park(const uint8_t* buf);
+    void reset();
+
     std::unique_ptr<uint8_t[]> partial;  // allocated only while a packet is split
-    uint32_t have = 0;
-    uint32_t need = 0;
+    uint32_t capacity = 0;
+    uint32_t have = 0;  // bytes of the current packet received so far
+    uint32_t need = 0;  // its whole length, once the header is in; 0 before
 };
 
 }  // namespace korvel

@@ -1,2 +1,19 @@
-// Process entry: placeholder until the server lands.
-int main() { return 1; }
+// Process entry: the server on port 9800 over the card at "/tmp/SD0", for ever.
+#include <csignal>
+#include <cstdio>
+
+#include "core/server.h"
+
+int main() {
+    // Trace lines must reach a console, pipe or collector as they are written.
+    setvbuf(stdout, nullptr, _IOLBF, 0);
+    korvel::CDownload server;
+    // A write to a closed connection must fail with EPIPE, not kill the camera's server.
+    struct sigaction ignore {};
+    ignore.sa_handler = SIG_IGN;
+    sigemptyset(&ignore.sa_mask);
+    ignore.sa_flags = 0;
+    sigaction(SIGPIPE, &ignore, nullptr);
+    server.korvel_download_init();
+    server.korvel_download_loop();
+}

@@ -9,8 +9,8 @@ namespace korvel {
 constexpr uint32_t PACKET_HEADER_SIZE = 20;
 constexpr uint32_t PACKET_TRAILER_SIZE = 4;
 constexpr uint32_t PACKET_BUF_SIZE = 65560;
-constexpr uint32_t PACKET_MAX_PAYLOAD = 65536;     // what a built packet may carry
-constexpr uint32_t PACKET_MIN_RECV_PAYLOAD = 4;    // what a received packet must carry
+constexpr uint32_t PACKET_MAX_PAYLOAD = 65536;   // what a built packet may carry
+constexpr uint32_t PACKET_MIN_RECV_PAYLOAD = 4;  // what a received packet must carry
 constexpr uint32_t PACKET_MAX_RECV_PAYLOAD = 65532;
 
 constexpr uint16_t ACK_DONE = 0xFB00;

@@ -51,7 +51,7 @@ public:
     size_t event_base_count() const { return handlerMap.size(); }
 
 private:
-    void accept_connection();
+    bool accept_connection();  // false: accept failed, the pass ends
     void serve_connection(int fd, Connection& conn);
     void close_connection(int fd);
 

@@ -1,0 +1,152 @@
+// Dispatch of one accepted packet to an immediate handler or a queued task (main thread).
+#include <arpa/inet.h>
+
+#include <cstring>
+#include <memory>
+
+#include "client/event_base.h"
+#include "log/log.h"
+
+namespace korvel {
+
+namespace {
+
+// A chunk request's byte count travels little-endian in the first payload word.
+uint32_t first_word_le(const CPacket& packet) {
+    const uint8_t* p = packet.getPayload();
+    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
+           static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
+}
+
+HandlerTask make_task(uint8_t type, int fd, uint32_t offset, uint32_t length) {
+    HandlerTask task;
+    task.type = type;
+    task.fd = fd;
+    task.offset = offset;
+    task.length = length;
+    return task;
+}
+
+// The receive buffer is reused for the next packet while the task waits, so the task
+// carries its own NUL-terminated copy of the JSON text.
+HandlerTask make_delete_task(int fd, const CPacket& packet) {
+    HandlerTask task = make_task(TASK_DELETE, fd, 0, 0);
+    uint32_t len = packet.getPayloadLen();
+    task.payload.reset(new char[len + 1]);
+    memcpy(task.payload.get(), packet.getPayload(), len);
+    task.payload[len] = '\0';
+    return task;
+}
+
+}  // namespace
+
+int32_t CEventBase::event_base_process(int fd, CPacket& packet) {
+    if (packet.getReqType() == 0) {
+        event_base_process_data(fd, packet);
+    } else {
+        event_base_process_ctrl(fd, packet);
+    }
+    return 0;
+}
+
+int32_t CEventBase::event_base_process_data(int fd, CPacket& packet) {
+    uint32_t msgType = packet.getMsgType();
+    switch (msgType) {
+        case 0:
+        case 7:
+            return 0;
+        case 1:
+            queue_task(make_delete_task(fd, packet));
+            return 0;
+        case 2:
+            process_data_file_download(fd, packet);
+            return 0;
+        case 3:
+            queue_task(make_task(TASK_STREAM3, fd, packet.getOffset(), first_word_le(packet)));
+            return 0;
+        case 4:
+        case 5:
+        case 6:
+            queue_task(make_task(TASK_STREAM6, fd, packet.getOffset(), first_word_le(packet)));
+            return 0;
+        case 17:
+            process_data_file_config(fd, packet);
+            return 0;
+        case 18:
+            process_cap_get(fd);
+            return 0;
+        case 19:
+            process_data_file_metadata(fd, packet);
+            return 0;
+        default:
+            log_warn("[WARN],%sunknown message type!\n",
+                     "int32_t korvel::CEventBase::event_base_process_data(int, korvel::CPacket&)");
+            return -1;
+    }
+}
+
+int32_t CEventBase::event_base_process_ctrl(int fd, CPacket& packet) {
+    if (check_last_package(packet) != 0) {
+        return 0;
+    }
+    switch (packet.getMsgType()) {
+        case 0: {
+            HandlerTask task = make_task(TASK_CATALOGUE, fd, packet.getOffset(), 0);
+            task.marker = static_cast<uint8_t>(packet.getMarker());
+            task.value = static_cast<uint16_t>(packet.getAckValue());
+            queue_task(std::move(task));
+            return 0;
+        }
+        case 1:
+        case 2:
+        case 4:
+        case 17:
+            return 0;
+        case 3:
+            queue_task(make_task(TASK_STREAM3, fd, packet.getOffset(), 0));
+            return 0;
+        case 5:
+            reply_transfer_position(fd);
+            return 0;
+        case 6:
+            queue_task(make_task(TASK_STREAM6, fd, packet.getOffset(), 0));
+            return 0;
+        case 7:
+            process_quit(fd);
+            return 0;
+        default:
+            log_warn("[WARN],%sunknown message type!\n",
+                     "int32_t korvel::CEventBase::event_base_process_ctrl(int, korvel::CPacket&)");
+            return -1;
+    }
+}
+
+int32_t CEventBase::check_last_package(CPacket& packet) {
+    if (packet.getAckFlag() == 0) {
+        return 0;
+    }
+    if (packet.getAckCode() != ACK_END_OF_DATA) {
+        return -1;
+    }
+    if (packet.getMsgType() != 0) {
+        return 1;
+    }
+    if ((packet.getMarker() & 0xFD) != 1) {
+        return 1;
+    }
+    log_print(1, "got last package finished ...");
+    lastPackageDone = 1;
+    return 1;
+}
+
+void CEventBase::reply_transfer_position(int fd) {
+    positionWord = htonl(userDefPacksize + readOffset);
+    send_msg_data_to_app(fd, 1, 5, 0, &positionWord, sizeof positionWord);
+}
+
+int32_t CEventBase::process_quit(int fd) {
+    quitRequested = 1;
+    return send_msg_ack_to_app(fd, 1, 7, 0, 1, ACK_DONE, 0);
+}
+
+}  // namespace korvel
