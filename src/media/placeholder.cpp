@@ -8,5 +8,4 @@ int exif_parse_app1(const uint8_t*, uint32_t, char*, char*, char*, char*, char*,
 int exif_read_thumbnail(const char*, uint8_t*, uint32_t, uint32_t*) { return -1; }
 int jpeg_check_soi(FILE*) { return -1; }
 void jpeg_skip_app0(FILE*) {}
-int mp4_read_video_info(char*, char*, char*, char*, char*, char*, const char*) { return -1; }
 }  // namespace korvel
