@@ -1,0 +1,108 @@
+// The worker thread: tasks one at a time in order, the stop marker, queued tasks dropped
+// at shutdown, and a new event base's defaults.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <mutex>
+#include <vector>
+
+#include "client/event_base.h"
+#include "core/config.h"
+#include "support/temp_dir.h"
+
+namespace korvel {
+namespace {
+
+class CountingHandler : public Handler {
+public:
+    CountingHandler() { start_worker(); }
+    ~CountingHandler() override { stop_worker(); }
+    void process(HandlerTask& t) override {
+        if (t.offset == 1) {
+            while (!release) {
+                usleep(1000);
+            }
+        }
+        int now = ++inside;
+        maxInside = std::max(maxInside.load(), now);
+        {
+            std::lock_guard<std::mutex> g(m);
+            order.push_back(t.offset);
+        }
+        --inside;
+    }
+    void stop() { stop_worker(); }
+    std::atomic<bool> release{false};
+    std::atomic<int> inside{0}, maxInside{0};
+    std::mutex m;
+    std::vector<uint32_t> order;
+};
+
+HandlerTask task(uint32_t id) {
+    HandlerTask t;
+    t.type = TASK_STREAM3;
+    t.offset = id;
+    return t;
+}
+
+TEST(Worker, RunsTasksOneAtATimeInOrder) {
+    CountingHandler h;
+    h.release = true;
+    for (uint32_t i = 2; i < 40; ++i) {
+        h.queue_task(task(i));
+    }
+    for (int i = 0; i < 400; ++i) {
+        std::lock_guard<std::mutex> g(h.m);
+        if (h.order.size() == 38) {
+            break;
+        }
+        usleep(1000);
+    }
+    std::lock_guard<std::mutex> g(h.m);
+    ASSERT_EQ(h.order.size(), 38u);
+    for (uint32_t i = 0; i < 38; ++i) {
+        EXPECT_EQ(h.order[i], i + 2);
+    }
+    EXPECT_EQ(h.maxInside.load(), 1);
+}
+
+// The task already taken finishes; those behind it, the stop marker included, are
+// dropped, and a dropped delete task's text is freed with it (ASan checks the leak).
+TEST(Worker, StoppingFinishesTheTakenTaskAndDropsTheRest) {
+    CountingHandler h;
+    h.queue_task(task(1));  // blocks until released
+    usleep(20000);
+    h.queue_task(task(2));
+    HandlerTask del = task(3);
+    del.type = TASK_DELETE;
+    del.payload.reset(new char[64]());
+    h.queue_task(std::move(del));
+    std::thread stopper([&] { h.stop(); });
+    usleep(20000);
+    h.release = true;
+    stopper.join();
+    std::lock_guard<std::mutex> g(h.m);
+    EXPECT_EQ(h.order, std::vector<uint32_t>{1});
+}
+
+TEST(Worker, IdleWorkerEndsThroughTheStopMarker) {
+    CountingHandler h;
+    h.stop();
+    EXPECT_TRUE(h.order.empty());
+}
+
+TEST(EventBase, NewOneHasTheDefaultTransferState) {
+    testsupport::TempDir card;
+    testing_seam::set_sd_root(card.path().c_str());
+    CEventBase eb;
+    EXPECT_EQ(eb.userDefPacksize.load(), 4096u);
+    EXPECT_EQ(eb.userDefBlocks.load(), 1u);
+    EXPECT_EQ(eb.resourceLocationId, -1);
+    EXPECT_EQ(eb.fileFd, -1);
+    EXPECT_EQ(eb.quit_received(), 0);
+    EXPECT_NE(eb.mediaRecord, nullptr);
+}
+
+}  // namespace
+}  // namespace korvel
