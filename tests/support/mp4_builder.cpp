@@ -1,0 +1,202 @@
+#include "support/mp4_builder.h"
+
+namespace korvel {
+namespace testsupport {
+
+std::string be16(uint16_t v) {
+    return {char(v >> 8), char(v)};
+}
+std::string be32(uint32_t v) {
+    return be16(uint16_t(v >> 16)) + be16(uint16_t(v));
+}
+std::string be64(uint64_t v) {
+    return be32(uint32_t(v >> 32)) + be32(uint32_t(v));
+}
+
+std::string box(const char* type, const std::string& payload) {
+    return be32(uint32_t(payload.size() + 8)) + std::string(type, 4) + payload;
+}
+
+std::string box64(const char* type, const std::string& payload) {
+    return be32(1) + std::string(type, 4) + be64(payload.size() + 16) + payload;
+}
+
+std::string box_to_end(const char* type, const std::string& payload) {
+    return be32(0) + std::string(type, 4) + payload;
+}
+
+std::string full_box(const char* type, uint8_t version, const std::string& payload) {
+    return box(type, std::string(1, char(version)) + std::string(3, '\0') + payload);
+}
+
+std::string ftyp(const char* brand) {
+    return box("ftyp", std::string(brand, 4) + be32(0) + std::string(brand, 4));
+}
+
+std::string mvhd() {
+    return full_box("mvhd", 0, std::string(96, '\0'));
+}
+
+std::string mdat(size_t bytes) {
+    return box("mdat", std::string(bytes, '\x55'));
+}
+
+std::string tkhd(uint32_t id, uint32_t width1616, uint32_t height1616, uint8_t version) {
+    // Times, reserved words, layer, volume and matrix are all zero: only id and size matter.
+    std::string times = version == 1 ? std::string(16, '\0') : std::string(8, '\0');
+    std::string dur = version == 1 ? std::string(8, '\0') : std::string(4, '\0');
+    return full_box("tkhd", version,
+                    times + be32(id) + be32(0) + dur + std::string(52, '\0') + be32(width1616) +
+                        be32(height1616));
+}
+
+std::string mdhd(uint32_t timescale, uint64_t duration, uint8_t version) {
+    if (version == 1) {
+        return full_box("mdhd", 1,
+                        std::string(16, '\0') + be32(timescale) + be64(duration) + be32(0));
+    }
+    return full_box("mdhd", version,
+                    std::string(8, '\0') + be32(timescale) + be32(uint32_t(duration)) + be32(0));
+}
+
+std::string hdlr(const char* type, HdlrName form) {
+    std::string fixed = be32(0) + std::string(type, 4) + std::string(12, '\0');
+    switch (form) {
+        case HdlrName::CString:
+            return full_box("hdlr", 0, fixed + std::string("Handler\0", 8));
+        case HdlrName::Counted:
+            return full_box("hdlr", 0, fixed + "\x07Handler");
+        case HdlrName::Unterminated:
+            return full_box("hdlr", 0, fixed + "Handler");
+        case HdlrName::Absent:
+            break;
+    }
+    return full_box("hdlr", 0, fixed);
+}
+
+std::string visual_entry(const char* type, uint16_t width, uint16_t height,
+                         const std::string& children) {
+    // 6 reserved + data reference, 16 bytes of codec fields, then the size at offset 24.
+    std::string fixed = std::string(6, '\0') + be16(1) + std::string(16, '\0') + be16(width) +
+                        be16(height) + be32(0x00480000) + be32(0x00480000) + be32(0) + be16(1) +
+                        std::string(32, '\0') + be16(24) + be16(0xFFFF);
+    return box(type, fixed + children);
+}
+
+std::string sound_entry(const char* type, uint16_t channels, uint16_t sampleSize,
+                        const std::string& children) {
+    std::string fixed = std::string(6, '\0') + be16(1) + std::string(8, '\0') + be16(channels) +
+                        be16(sampleSize) + be32(0) + be32(44100u << 16);
+    return box(type, fixed + children);
+}
+
+std::string avcc(uint8_t profile, uint8_t level, bool withPps) {
+    std::string sps = "\x67\x64\x00\x33";
+    std::string p = std::string{1, char(profile), 0, char(level), char(0xFF), char(0xE1)} +
+                    be16(uint16_t(sps.size())) + sps;
+    if (withPps) {
+        p += std::string(1, '\x01') + be16(2) + "\x68\xEE";
+    }
+    return box("avcC", p);
+}
+
+static std::string descriptor(uint8_t tag, const std::string& body) {
+    return std::string{char(tag), char(body.size())} + body;
+}
+
+std::string esds(uint8_t objectType, uint32_t avgBitrate, const std::string& dsi) {
+    std::string config =
+        std::string{char(objectType), 0x11, 0, 0, 0} + be32(avgBitrate * 2) + be32(avgBitrate);
+    if (!dsi.empty()) {
+        config += descriptor(0x05, dsi);
+    }
+    std::string es = be16(1) + std::string(1, '\0') + descriptor(0x04, config) +
+                     descriptor(0x06, std::string(1, '\x02'));
+    return full_box("esds", 0, descriptor(0x03, es));
+}
+
+std::string sinf(const char* originalFormat) {
+    std::string schm = full_box("schm", 0, "cenc" + be32(0x10000));
+    if (originalFormat == nullptr) {
+        return box("sinf", schm);
+    }
+    return box("sinf", box("frma", std::string(originalFormat, 4)) + schm);
+}
+
+std::string iods(uint8_t visual, uint8_t tag, bool url) {
+    std::string body;
+    if (url) {
+        body = std::string{0x00, 0x3F, 0x04} + "a://";
+    } else {
+        body =
+            std::string{0x00, 0x4F, char(0xFF), char(0xFF), char(0xFF), char(visual), char(0xFF)};
+    }
+    return full_box("iods", 0, descriptor(tag, body));
+}
+
+std::string stsd(const std::string& entries, uint32_t entryCount) {
+    return full_box("stsd", 0, be32(entryCount) + entries);
+}
+
+std::string stsz(uint32_t constSize, uint32_t count, const std::vector<uint32_t>& sizes) {
+    std::string p = be32(constSize) + be32(count);
+    for (uint32_t s : sizes) {
+        p += be32(s);
+    }
+    return full_box("stsz", 0, p);
+}
+
+std::string stz2(uint8_t fieldSize, const std::vector<uint32_t>& sizes) {
+    std::string p =
+        std::string(3, '\0') + std::string(1, char(fieldSize)) + be32(uint32_t(sizes.size()));
+    for (size_t i = 0; i < sizes.size(); ++i) {
+        if (fieldSize == 16) {
+            p += be16(uint16_t(sizes[i]));
+        } else if (fieldSize != 4) {
+            p += char(sizes[i]);
+        } else if (i % 2 == 0) {
+            p += char(sizes[i] << 4);
+        } else {
+            p.back() = char(p.back() | char(sizes[i] & 0x0F));
+        }
+    }
+    return full_box("stz2", 0, p);
+}
+
+std::string stts(uint32_t count, uint32_t delta) {
+    return full_box("stts", 0, be32(1) + be32(count) + be32(delta));
+}
+
+std::string stsc() {
+    return full_box("stsc", 0, be32(1) + be32(1) + be32(1) + be32(1));
+}
+
+std::string stco() {
+    return full_box("stco", 0, be32(1) + be32(48));
+}
+
+std::string trak(const TrackSpec& s) {
+    std::string entries =
+        s.entries.empty() ? visual_entry("avc1", 640, 480, avcc(100, 40)) : s.entries;
+    std::string sizes = s.sizes.empty() ? stsz(1000, 1) : s.sizes;
+    std::string stbl = stsd(entries) + stts(1, uint32_t(s.duration)) + stsc() + sizes;
+    if (s.withStco) {
+        stbl += stco();
+    }
+    std::string minf = box("minf", full_box("vmhd", 0, std::string(8, '\0')) + box("stbl", stbl));
+    std::string mdia = box(
+        "mdia", mdhd(s.timescale, s.duration, s.mdhdVersion) + hdlr(s.handler, s.hdlrName) + minf);
+    std::string head = s.withTkhd ? tkhd(s.id, s.tkhdWidth, s.tkhdHeight) : std::string();
+    return box("trak", head + mdia);
+}
+
+std::string moov(const std::string& children) {
+    return box("moov", mvhd() + children);
+}
+
+std::string mp4_file(const std::string& moovBox) {
+    return ftyp() + moovBox + mdat(64);
+}
+
+}  // namespace testsupport
+}  // namespace korvel

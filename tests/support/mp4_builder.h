@@ -1,0 +1,68 @@
+// Box-by-box MP4 writer for tests: each helper returns the bytes of one box (or field), so
+// a test states exactly the file it needs, malformed ones included.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace korvel {
+namespace testsupport {
+
+std::string be16(uint16_t v);
+std::string be32(uint32_t v);
+std::string be64(uint64_t v);
+
+std::string box(const char* type, const std::string& payload);
+std::string box64(const char* type, const std::string& payload);       // size 1 + 64-bit size
+std::string box_to_end(const char* type, const std::string& payload);  // size 0
+// Version byte and zero flags in front of the payload.
+std::string full_box(const char* type, uint8_t version, const std::string& payload);
+
+std::string ftyp(const char* brand = "isom");
+std::string mvhd();
+std::string mdat(size_t bytes);
+std::string tkhd(uint32_t id, uint32_t width1616, uint32_t height1616, uint8_t version = 0);
+std::string mdhd(uint32_t timescale, uint64_t duration, uint8_t version = 0);
+enum class HdlrName { CString, Counted, Unterminated, Absent };
+std::string hdlr(const char* type, HdlrName form = HdlrName::CString);
+
+std::string visual_entry(const char* type, uint16_t width, uint16_t height,
+                         const std::string& children = "");
+std::string sound_entry(const char* type, uint16_t channels, uint16_t sampleSize,
+                        const std::string& children = "");
+std::string avcc(uint8_t profile, uint8_t level, bool withPps = true);
+// ES descriptor with a decoder config; the decoder-specific info is left out when empty.
+std::string esds(uint8_t objectType, uint32_t avgBitrate, const std::string& dsi = "");
+std::string sinf(const char* originalFormat);  // null: a sinf without frma
+std::string iods(uint8_t visual, uint8_t tag = 0x10, bool url = false);
+
+std::string stsd(const std::string& entries, uint32_t entryCount = 1);
+std::string stsz(uint32_t constSize, uint32_t count, const std::vector<uint32_t>& sizes = {});
+std::string stz2(uint8_t fieldSize, const std::vector<uint32_t>& sizes);
+std::string stts(uint32_t count, uint32_t delta);
+std::string stsc();
+std::string stco();
+
+// One track with sensible defaults: a 10 s video track with one 1000-byte sample.
+struct TrackSpec {
+    uint32_t id = 1;
+    const char* handler = "vide";
+    HdlrName hdlrName = HdlrName::CString;
+    uint32_t timescale = 1000;
+    uint64_t duration = 10000;
+    uint8_t mdhdVersion = 0;
+    uint32_t tkhdWidth = 0, tkhdHeight = 0;
+    std::string entries;  // sample entries; empty means avc1 640x480 with avcC
+    std::string sizes;    // stsz or stz2 box; empty means one sample of 1000 bytes
+    bool withTkhd = true;
+    bool withStco = true;
+};
+std::string trak(const TrackSpec& spec);
+// moov holding mvhd followed by `children`.
+std::string moov(const std::string& children);
+// ftyp + moov + a small mdat.
+std::string mp4_file(const std::string& moovBox);
+
+}  // namespace testsupport
+}  // namespace korvel
