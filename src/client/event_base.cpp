@@ -11,8 +11,10 @@
 
 namespace korvel {
 
+// thumbBuf is left as allocated: only thumbSize bytes of it are ever read, and not
+// touching its 120 KiB keeps an idle app's event base small on the camera.
 CEventBase::CEventBase()
-    : fileName{}, downFileName{}, thumbBuf{}, ctimePath{}, resourceLocation{}, locPostfix{} {
+    : fileName{}, downFileName{}, ctimePath{}, resourceLocation{}, locPostfix{} {
     mediaRecord.reset(new CJSONFile());
     log_print(1, "new ceventbase.\n");
     start_worker();  // last: the worker never sees a half-built object

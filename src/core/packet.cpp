@@ -66,7 +66,9 @@ uint32_t crc32_calc(uint32_t init, const void* data, uint32_t len, uint32_t* out
     return c;
 }
 
-CPacket::CPacket() : buf{} {
+// buf is not cleared: only built or received bytes are ever read, and leaving the 64 KiB
+// untouched keeps an idle app's packet out of resident memory.
+CPacket::CPacket() {
     startTime = wall_clock_us();
     // Every packet object reseeds the process-wide generator, so two objects created in the
     // same microsecond draw the same identity.
