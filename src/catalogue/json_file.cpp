@@ -43,6 +43,24 @@ DispExt display_extension(const char* dispName, const char* const* wanted, size_
     return DispExt::Other;
 }
 
+// Adds one string member. A large card's catalogue holds tens of thousands of these
+// objects, most of their values empty, and allocation dominates building it: the keys are
+// literals and every empty value shares one static text, so neither is copied. The tree
+// is only printed and deleted, never edited, and prints exactly as copied strings would.
+void add_text(cJSON* object, const char* key, const char* value) {
+    cJSON* item = value[0] != '\0' ? cJSON_CreateString(value) : cJSON_CreateStringReference("");
+    if (item != nullptr && !cJSON_AddItemToObjectCS(object, key, item)) {
+        cJSON_Delete(item);
+    }
+}
+
+// Cuts src to fit cap bytes with its terminator.
+void copy_cut(char* dst, size_t cap, const char* src) {
+    size_t n = strnlen(src, cap - 1);
+    memmove(dst, src, n);
+    dst[n] = '\0';
+}
+
 }  // namespace
 
 CJSONFile::CJSONFile()
@@ -62,8 +80,8 @@ CJSONFile::CJSONFile()
       height{} {}
 
 void CJSONFile::set_names(const char* disp, const char* full) {
-    snprintf(dispName, sizeof dispName, "%s", disp);
-    snprintf(fullPath, sizeof fullPath, "%s", full);
+    copy_cut(dispName, sizeof dispName, disp);
+    copy_cut(fullPath, sizeof fullPath, full);
 }
 
 // Every fact field is emptied first so that nothing of the previous file shows up in the
@@ -128,29 +146,29 @@ int CJSONFile::read_video_facts() {
 }
 
 void CJSONFile::get_json_photo_param(cJSON* object, const char* fileType) {
-    cJSON_AddStringToObject(object, "fileType", fileType);
-    cJSON_AddStringToObject(object, "fileName", dispName);
-    cJSON_AddStringToObject(object, "fileSize", fileSize);
-    cJSON_AddStringToObject(object, "createDate", createDate);
-    cJSON_AddStringToObject(object, "imgmaker", maker);
-    cJSON_AddStringToObject(object, "imgmodle", model);
-    cJSON_AddStringToObject(object, "imgWidth", width);
-    cJSON_AddStringToObject(object, "imgHeight", height);
-    cJSON_AddStringToObject(object, "imgResUnit", resUnit);
-    cJSON_AddStringToObject(object, "imgColorSpace", colourSpace);
+    add_text(object, "fileType", fileType);
+    add_text(object, "fileName", dispName);
+    add_text(object, "fileSize", fileSize);
+    add_text(object, "createDate", createDate);
+    add_text(object, "imgmaker", maker);
+    add_text(object, "imgmodle", model);
+    add_text(object, "imgWidth", width);
+    add_text(object, "imgHeight", height);
+    add_text(object, "imgResUnit", resUnit);
+    add_text(object, "imgColorSpace", colourSpace);
 }
 
 void CJSONFile::get_json_video_param(cJSON* object, const char* fileType) {
-    cJSON_AddStringToObject(object, "fileType", fileType);
-    cJSON_AddStringToObject(object, "fileName", dispName);
-    cJSON_AddStringToObject(object, "fileSize", fileSize);
-    cJSON_AddStringToObject(object, "createDate", createDate);
-    cJSON_AddStringToObject(object, "avgBitRate", avgBitRate);
-    cJSON_AddStringToObject(object, "frameRate", frameRate);
-    cJSON_AddStringToObject(object, "duration", duration);
-    cJSON_AddStringToObject(object, "imgWidth", width);
-    cJSON_AddStringToObject(object, "imgHeight", height);
-    cJSON_AddStringToObject(object, "codeFormat", codeFormat);
+    add_text(object, "fileType", fileType);
+    add_text(object, "fileName", dispName);
+    add_text(object, "fileSize", fileSize);
+    add_text(object, "createDate", createDate);
+    add_text(object, "avgBitRate", avgBitRate);
+    add_text(object, "frameRate", frameRate);
+    add_text(object, "duration", duration);
+    add_text(object, "imgWidth", width);
+    add_text(object, "imgHeight", height);
+    add_text(object, "codeFormat", codeFormat);
 }
 
 }  // namespace korvel
