@@ -1,5 +1,5 @@
 // Shared set-up for the catalogue tests: a card in a temporary directory, one event base
-// whose location points at it, and a socketpair whose far end decodes the replies.
+// whose location points at it, a socketpair whose far end decodes replies, JSON helpers.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -26,25 +26,16 @@ struct JsonFree {
     void operator()(cJSON* j) const { cJSON_Delete(j); }
 };
 using Json = std::unique_ptr<cJSON, JsonFree>;
+using Names = std::vector<std::string>;
 
-// The string value of object[key], or "<absent>".
 inline std::string str(const cJSON* object, const char* key) {
     const cJSON* item = cJSON_GetObjectItemCaseSensitive(object, key);
     return cJSON_IsString(item) ? item->valuestring : "<absent>";
 }
 
-// The member names of an object, in order.
-inline std::vector<std::string> keys(const cJSON* object) {
-    std::vector<std::string> k;
-    for (const cJSON* c = object ? object->child : nullptr; c; c = c->next) {
-        k.emplace_back(c->string);
-    }
-    return k;
-}
-
 // "fileName" of every entry of a media array, in order.
-inline std::vector<std::string> names(const cJSON* media) {
-    std::vector<std::string> n;
+inline Names names(const cJSON* media) {
+    Names n;
     const cJSON* e = nullptr;
     cJSON_ArrayForEach(e, media) {
         n.push_back(str(e, "fileName"));
@@ -52,7 +43,6 @@ inline std::vector<std::string> names(const cJSON* media) {
     return n;
 }
 
-// The entry whose "fileName" is name, or null.
 inline const cJSON* entry(const cJSON* media, const std::string& name) {
     const cJSON* e = nullptr;
     cJSON_ArrayForEach(e, media) {
@@ -78,57 +68,36 @@ protected:
         ev.reset();
         close(serverFd);
     }
-
-    // What an accepted configuration leaves, written the way the configuration writes it,
-    // plus the copy a running catalogue task works from.
+    // Sets the location as a configuration does, and the copy a running scan works from.
     void use_location(const std::string& loc, uint8_t userDef, int32_t id) {
-        {
-            std::lock_guard<std::mutex> lock(ev->locationMutex);
-            snprintf(ev->resourceLocation, sizeof ev->resourceLocation, "%s", loc.c_str());
-            ev->userDefLocation = userDef;
-            ev->resourceLocationId = id;
-        }
-        LocationSnapshot& s = ev->catalogueLocation;
-        snprintf(s.resourceLocation, sizeof s.resourceLocation, "%s", loc.c_str());
-        s.userDefLocation = userDef;
-        s.resourceLocationId = id;
+        std::lock_guard<std::mutex> lock(ev->locationMutex);
+        snprintf(ev->resourceLocation, sizeof ev->resourceLocation, "%s", loc.c_str());
+        ev->userDefLocation = userDef;
+        ev->resourceLocationId = id;
+        ev->catalogueLocation = LocationSnapshot{};
+        snprintf(ev->catalogueLocation.resourceLocation, sizeof ev->resourceLocation, "%s",
+                 loc.c_str());
+        ev->catalogueLocation.userDefLocation = userDef;
+        ev->catalogueLocation.resourceLocationId = id;
     }
-
-    // Scan and walk only, as the catalogue task runs them; the entries land in `media`.
+    // Scan and walk as the catalogue task runs them; the entries land in `media`.
     int32_t scan(uint16_t type) {
         ev->catalogueType = type;
         media.reset(cJSON_CreateArray());
         return ev->json_look_from_dir(media.get());
     }
-
-    // The whole build; returns the printed catalogue parsed back.
-    Json build(uint16_t type) {
-        ev->catalogueType = type;
-        uint32_t len = 0;
-        ev->json_file_list_create(&len);
-        EXPECT_EQ(len, ev->catalogueText.size());
-        return Json(cJSON_Parse(ev->catalogueText.c_str()));
-    }
-
-    // Every reply already written to the socket (the calls under test are synchronous).
+    // Every reply already written (the calls under test are synchronous).
     std::vector<app::Reply> replies() {
         std::vector<app::Reply> out;
         struct pollfd p = {app.fd(), POLLIN, 0};
         while (poll(&p, 1, 0) > 0) {
-            app::Reply r;
-            if (app.read_reply(r, 1000) != app::CLIENT_OK) {
-                ADD_FAILURE() << "undecodable reply";
+            out.emplace_back();
+            if (app.read_reply(out.back(), 1000) != app::CLIENT_OK || !out.back().crcOk) {
+                ADD_FAILURE() << "bad reply";
                 break;
             }
-            EXPECT_TRUE(r.crcOk);
-            out.push_back(std::move(r));
         }
         return out;
-    }
-
-    void set_transfer(uint32_t packsize, uint32_t blocks) {
-        ev->userDefPacksize = packsize;
-        ev->userDefBlocks = blocks;
     }
 
     testsupport::MediaTree tree;

@@ -89,20 +89,5 @@ TEST_F(CatalogueServerTest, PagedCatalogueThenAFreshScanAfterTheLastPackage) {
                 UnorderedElementsAre("0-100MEDIA-IMG_0001.JPG", "0-101MEDIA-NEW.JPG"));
 }
 
-TEST_F(CatalogueServerTest, QuitEndsTheSessionWithoutCatalogue) {
-    configure(4096, 1, "", false);
-    ASSERT_EQ(app.quit(), app::CLIENT_OK);
-    app::Reply r;
-    ASSERT_EQ(app.read_reply(r), app::CLIENT_OK);
-    EXPECT_EQ(r.msgType, 7u);
-    EXPECT_EQ(r.ackCode, ACK_DONE);
-    // The next request meets a fresh, unconfigured event base: empty location, no entries.
-    int requests = 0;
-    Json parsed(cJSON_Parse(fetch(CATALOGUE_ALL, 1, &requests).c_str()));
-    ASSERT_NE(parsed, nullptr);
-    EXPECT_EQ(str(parsed.get(), "rootdir"), "");
-    EXPECT_EQ(cJSON_GetArraySize(cJSON_GetObjectItem(parsed.get(), "media")), 0);
-}
-
 }  // namespace
 }  // namespace korvel
