@@ -205,7 +205,7 @@ int32_t CEventBase::json_look_from_dir(cJSON* media) {
             log_print(1, "quit request from client.");
             return -1;
         }
-        if (is_dot_entry(e->d_name)) {
+        if (is_dot_entry(e->d_name) || strstr(e->d_name, marker.c_str()) == nullptr) {
             continue;
         }
         char path[TEXT_BUF];
@@ -214,8 +214,7 @@ int32_t CEventBase::json_look_from_dir(cJSON* media) {
             continue;  // never scan a cut path: it could name a directory elsewhere
         }
         // lstat: a link to a directory is not followed, so the scan stays on the card.
-        if (lstat(path, &st) != 0 || !S_ISDIR(st.st_mode) ||
-            strstr(e->d_name, marker.c_str()) == nullptr) {
+        if (lstat(path, &st) != 0 || !S_ISDIR(st.st_mode)) {
             continue;
         }
         DirScan r = scan_media_dir(*this, path, slot);
