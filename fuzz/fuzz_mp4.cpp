@@ -43,7 +43,7 @@ void query_track(const korvel::Mp4File* f, uint32_t id) {
     uint8_t profile = 0, level = 0;
     const char* type = korvel::mp4_track_type(f, id);
     const char* name = korvel::mp4_media_data_name(f, id);
-    if ((type && strlen(type) > 4) || (name && strlen(name) != 4)) {
+    if ((type && strlen(type) > 4) || (name && strlen(name) > 4)) {
         abort();
     }
     korvel::mp4_media_original_format(f, id, original, sizeof original);
