@@ -16,7 +16,7 @@ constexpr uint32_t MP4_INVALID_TRACK_ID = 0;
 // Returned by the duration calls when there is no answer.
 constexpr uint64_t MP4_INVALID_DURATION = UINT64_MAX;
 // Largest moov we agree to hold in memory; anything bigger is refused at open.
-constexpr uint64_t MP4_MOOV_CAP = 64ull * 1024 * 1024;
+constexpr uint64_t MP4_MOOV_CAP = 32ull * 1024 * 1024;
 
 // Null when the file cannot be opened or is not a well-formed MP4/MOV.
 Mp4File* mp4_open(const char* path);
