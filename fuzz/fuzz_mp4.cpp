@@ -15,7 +15,8 @@
 
 namespace {
 
-// One scratch file per process, rewritten for every input.
+// One scratch name per process; the file is removed after every input, since libFuzzer may
+// end the process without running destructors.
 struct Scratch {
     std::string path;
     Scratch() {
@@ -27,7 +28,6 @@ struct Scratch {
         }
         close(fd);
     }
-    ~Scratch() { unlink(path.c_str()); }
 };
 
 void write_input(const std::string& path, const uint8_t* data, size_t size) {
@@ -85,5 +85,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         query_track(file.get(), korvel::mp4_track_id(file.get(), i));
     }
     query_track(file.get(), 0xFFFFFFFFu);
+    unlink(scratch.path.c_str());
     return 0;
 }
