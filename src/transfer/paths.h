@@ -6,8 +6,8 @@
 
 namespace korvel {
 
-std::string get_sd_root();          // "/tmp/SD0"
-std::string get_media_dir_name();   // "MEDIA"
+std::string get_sd_root();         // "/tmp/SD0"
+std::string get_media_dir_name();  // "MEDIA"
 std::string get_storage_root(int32_t id);
 int32_t get_storage_id(const std::string& path);
 

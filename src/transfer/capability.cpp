@@ -1,0 +1,59 @@
+// The camera's capability file, sent in one burst through the app's mapped region.
+// Main thread.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "client/event_base.h"
+#include "core/config.h"
+#include "log/log.h"
+#include "transfer/burst.h"
+#include "transfer/transfer_internal.h"
+
+namespace korvel {
+
+void CEventBase::process_cap_get(int fd) {
+    RegionLock region(regionMutex, REGION_WAIT);
+    if (!region.owns_lock()) {
+        log_print(1, "capability while streaming, refused\n");
+        send_msg_ack_to_app(fd, 1, 18, 0, 1, ACK_FAILED, 0);
+        return;
+    }
+    const char* path = active_capability_path();
+    int capFd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (capFd < 0) {
+        log_warn("[WARN],%scap file open error\n", "void korvel::CEventBase::process_cap_get(int)");
+        send_msg_ack_to_app(fd, 1, 18, 0, 1, ACK_NOT_FOUND, 0);
+        return;
+    }
+    struct stat st {};
+    fstat(capFd, &st);  // the size of the file actually opened, whatever the path does next
+    fileSize = static_cast<uint32_t>(st.st_size);
+    readOffset = 0;
+    // The capability file takes the transfer file's place; the one it replaces is closed
+    // here so that repeated requests hold one descriptor at most.
+    if (fileFd != -1) {
+        close(fileFd);
+    }
+    fileFd = capFd;
+    if (event_switch_meminfo(fd, 18) != 0) {
+        log_print(1, "can't map download file to memory\n");
+        return;
+    }
+    if (quitRequested) {
+        return;
+    }
+    BurstPlan plan;
+    plan.fd = fd;
+    plan.msgType = 18;
+    plan.base = mmap_base_addr;
+    plan.pos = 0;
+    plan.end = fileSize;  // the region holds one burst; the loop never sends more
+    BurstResult r = send_burst(*this, plan);
+    if (r.end == BurstEnd::SendFailed) {
+        log_print(1, "cap file send failed %d\n", static_cast<int>(r.lastResult));
+        send_msg_ack_to_app(fd, 1, 18, 0, 1, ACK_FAILED, 0);
+    }
+}
+
+}  // namespace korvel

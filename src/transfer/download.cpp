@@ -1,0 +1,140 @@
+// The download request: resolve a catalogue name, open and map the file (or take a JPEG's
+// embedded thumbnail for a missing .thm), answer with the size. Main thread.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "client/event_base.h"
+#include "log/log.h"
+#include "media/exif.h"
+#include "transfer/paths.h"
+#include "transfer/transfer_internal.h"
+
+namespace korvel {
+
+namespace {
+
+bool exists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+// Regular files only, never through a link, and never waiting on a FIFO: the loop thread
+// must not block and nothing outside the card may be reached through the card.
+int open_media_file(const char* path) {
+    int fd = open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        return -1;
+    }
+    struct stat st {};
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+}  // namespace
+
+// Copies the received name (at most 1023 bytes; a NUL inside ends it) into fileName.
+static bool take_name(CPacket& packet, char* fileName) {
+    uint32_t len = packet.getPayloadLen();
+    if (len >= 1024) {
+        log_print(1, "error msg with too long size of name: %d\n", static_cast<int>(len));
+        return false;
+    }
+    memcpy(fileName, packet.getPayload(), len);
+    fileName[len] = '\0';
+    log_print(1, "received filename: %s\n", fileName);
+    return true;
+}
+
+int32_t CEventBase::download_file_name_check(CPacket& packet) {
+    thumbReady = 0;
+    if (!take_name(packet, fileName)) {
+        return -1;
+    }
+    std::string filename, absfiledir;
+    LocationSnapshot loc = location_snapshot();
+    if (get_abs_file_dir(fileName, filename, absfiledir) != 0 ||
+        !is_confined(loc.resourceLocation, filename, absfiledir)) {
+        log_print(1, "debug: failed name %s userDefLocPrex %s \n", filename.c_str(),
+                  absfiledir.c_str());
+        return -1;
+    }
+    snprintf(fileName, sizeof fileName, "%s", filename.c_str());
+    snprintf(downFileName, sizeof downFileName, "%s/%s", absfiledir.c_str(), filename.c_str());
+    if (exists(downFileName)) {
+        log_print(1, "download filename: %s\n", downFileName);
+        return 0;
+    }
+    // A missing stem.thm beside stem.JPG (or stem.jpg) is served from the JPEG's EXIF
+    // thumbnail. Fields too long for 255/15 characters simply fail to match.
+    char base[256] = {};
+    char ext[16] = {};
+    if (sscanf(fileName, "%255[^.].%15s", base, ext) < 1 || strcmp(ext, "thm") != 0) {
+        return -1;
+    }
+    std::string jpeg = absfiledir + "/" + base + ".JPG";
+    if (!exists(jpeg)) {
+        jpeg = absfiledir + "/" + base + ".jpg";
+    }
+    bool found = exists(jpeg);
+    log_print(1, "jpeg exist?: %d\n", found ? 1 : 0);
+    if (!found) {
+        return -1;
+    }
+    uint32_t size = 0;
+    if (exif_read_thumbnail(jpeg.c_str(), thumbBuf, sizeof thumbBuf, &size) != 0) {
+        return -1;
+    }
+    thumbSize = size;
+    thumbReady = 1;
+    return 0;
+}
+
+int32_t CEventBase::process_data_file_download(int fd, CPacket& packet) {
+    RegionLock region(regionMutex, REGION_WAIT);
+    if (!region.owns_lock()) {
+        log_print(1, "download while streaming, refused\n");
+        return send_msg_ack_to_app(fd, 1, 2, 0, 1, ACK_FAILED, 0);
+    }
+    uint8_t size[4];
+    if (download_file_name_check(packet) == -1) {
+        log_print(1, "file not existed\n");
+        return send_msg_ack_to_app(fd, 1, 2, 0, 1, ACK_NOT_FOUND, 0);
+    }
+    if (thumbReady) {
+        log_print(1, "thm sent\n");
+        size_le(thumbSize, size);
+        return send_msg_data_to_app(fd, 1, 2, 0, size, sizeof size);
+    }
+    if (fileOpened) {
+        size_le(fileSize, size);
+        return send_msg_data_to_app(fd, 1, 2, 0, size, sizeof size);
+    }
+    int newFd = open_media_file(downFileName);
+    if (newFd < 0) {
+        log_print(1, "file open error\n");
+        return send_msg_ack_to_app(fd, 1, 2, 0, 1, ACK_FAILED, 0);
+    }
+    if (fileFd != -1) {
+        close(fileFd);  // the capability file, which leaves fileOpened clear
+    }
+    fileFd = newFd;
+    fileOpened = 1;
+    struct stat st {};
+    fstat(fileFd, &st);  // the opened file itself; the name cannot be a link (O_NOFOLLOW)
+    fileSize = static_cast<uint32_t>(st.st_size);
+    log_print(1, "downFileName:%s, fileSize = %d\n", downFileName, static_cast<int>(fileSize));
+    if (event_switch_meminfo(fd, 2) != 0) {
+        return -1;
+    }
+    size_le(fileSize, size);
+    return send_msg_data_to_app(fd, 1, 2, 0, size, sizeof size);
+}
+
+}  // namespace korvel

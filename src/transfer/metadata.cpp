@@ -1,0 +1,97 @@
+// The metadata request: the facts of one photo or video as a small JSON document, sent
+// in one burst. Main thread; it fills the event base's own media record, which the
+// catalogue (on the worker) never uses.
+#include <strings.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include <cjson/cJSON.h>
+
+#include "catalogue/json_file.h"
+#include "client/event_base.h"
+#include "log/log.h"
+#include "transfer/burst.h"
+#include "transfer/paths.h"
+
+namespace korvel {
+
+namespace {
+
+struct JsonDeleter {
+    void operator()(cJSON* j) const { cJSON_Delete(j); }
+};
+struct TextDeleter {
+    void operator()(char* t) const { cJSON_free(t); }
+};
+
+}  // namespace
+
+int32_t CEventBase::process_data_file_metadata(int fd, CPacket& packet) {
+    uint32_t len = packet.getPayloadLen();
+    if (len >= sizeof fileName) {
+        log_print(1, "error msg with too long size of name: %d\n", static_cast<int>(len));
+        send_msg_ack_to_app(fd, 1, 19, 0, 1, ACK_BAD_NAME, 0);
+        return -1;
+    }
+    memcpy(fileName, packet.getPayload(), len);
+    fileName[len] = '\0';
+    log_print(1, "received filename: %s\n", fileName);
+    std::string filename, absfiledir;
+    LocationSnapshot loc = location_snapshot();
+    if (get_abs_file_dir(fileName, filename, absfiledir) != 0 ||
+        !is_confined(loc.resourceLocation, filename, absfiledir)) {
+        log_print(1, "debug: failed name %s userDefLocPrex %s \n", filename.c_str(),
+                  absfiledir.c_str());
+        send_msg_ack_to_app(fd, 1, 19, 0, 1, ACK_NOT_FOUND, 0);
+        return -1;
+    }
+    char bare[1024];
+    copy_text(bare, sizeof bare, filename.c_str());
+    copy_text(downFileName, sizeof downFileName, (absfiledir + "/" + bare).c_str());
+    if (access(downFileName, F_OK) != 0) {
+        send_msg_ack_to_app(fd, 1, 19, 0, 1, ACK_NOT_FOUND, 0);
+        return -1;
+    }
+    // Base names over 127 or extensions over 7 characters do not split into a known type,
+    // so the file is described with an empty "metadata" array.
+    char base[128] = {};
+    char ext[8] = {};
+    if (sscanf(bare, "%127[^.].%7s", base, ext) < 1) {
+        return -1;
+    }
+    std::unique_ptr<cJSON, JsonDeleter> doc(cJSON_CreateObject());
+    cJSON_AddItemToObject(doc.get(), "filename", cJSON_CreateString(fileName));
+    cJSON* list = cJSON_CreateArray();
+    cJSON_AddItemToObject(doc.get(), "metadata", list);
+    bool video = strcasecmp(ext, "MP4") == 0 || strcasecmp(ext, "MOV") == 0;
+    bool photo = strcasecmp(ext, "JPG") == 0;
+    if (video || photo) {
+        cJSON* record = cJSON_CreateObject();
+        mediaRecord->set_names(fileName, downFileName);
+        mediaRecord->gather_facts(photo, true);
+        if (video) {
+            mediaRecord->get_json_video_param(record, ext);
+        } else {
+            mediaRecord->get_json_photo_param(record, ext);
+        }
+        cJSON_AddItemToArray(list, record);
+    }
+    std::unique_ptr<char, TextDeleter> text(cJSON_Print(doc.get()));
+    if (!text || quitRequested) {
+        return 0;
+    }
+    BurstPlan plan;
+    plan.fd = fd;
+    plan.msgType = 19;
+    plan.base = reinterpret_cast<const uint8_t*>(text.get());
+    plan.pos = 0;
+    plan.end = static_cast<uint32_t>(strlen(text.get()));
+    send_burst(*this, plan);
+    return 0;
+}
+
+}  // namespace korvel

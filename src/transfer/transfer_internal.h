@@ -1,0 +1,27 @@
+// Helpers shared by the transfer handlers; not part of the subsystem's interface.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+
+namespace korvel {
+
+// How long a request on the main thread waits for a running chunk stream of the same app
+// to finish with the region. Apps do not overlap the two; one that does gets 0xFB06
+// instead of holding the loop.
+constexpr std::chrono::seconds REGION_WAIT{2};
+
+using RegionLock = std::unique_lock<std::timed_mutex>;
+
+bool region_still_backed(int fileFd, uint32_t mapoff, uint32_t mapsize);
+
+// The size reply's payload: the size as it lies in memory on the camera, little-endian.
+inline void size_le(uint32_t size, uint8_t out[4]) {
+    out[0] = static_cast<uint8_t>(size);
+    out[1] = static_cast<uint8_t>(size >> 8);
+    out[2] = static_cast<uint8_t>(size >> 16);
+    out[3] = static_cast<uint8_t>(size >> 24);
+}
+
+}  // namespace korvel
