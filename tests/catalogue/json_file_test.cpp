@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "catalogue/catalogue_fixture.h"
+#include "support/mp4_builder.h"
 
 namespace korvel {
 namespace {
@@ -73,6 +74,17 @@ TEST_F(MediaRecordTest, MediaStepAnswersByExtension) {
     int rc = 99;
     describe("README", true, false, &rc);  // file facts alone need no extension
     EXPECT_EQ(rc, 0);
+}
+
+// Track facts are read for MP4, MOV and second streams in any case, and for nothing else.
+TEST_F(MediaRecordTest, VideoFactsByExtensionInAnyCase) {
+    tree.add_file("100MEDIA", "x", 0);
+    const std::string clip = testsupport::mp4_file(testsupport::moov(testsupport::trak({})));
+    for (const char* name : {"c.mp4", "c.Mov", "c.2nd", "c.2ND", "c.txt"}) {
+        testsupport::write_file(tree.path("100MEDIA", name), clip);
+        Json video = describe(name, false, true);
+        EXPECT_EQ(str(video.get(), "imgWidth"), name[2] == 't' ? "" : "640") << name;
+    }
 }
 
 }  // namespace
