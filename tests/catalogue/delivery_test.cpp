@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "catalogue/catalogue.h"
@@ -19,16 +20,8 @@ using cataloguetest::Json;
 using cataloguetest::str;
 using ::testing::ElementsAreArray;
 
-struct Seen {
-    uint32_t marker, offset;
-    size_t length;
-    bool operator==(const Seen& o) const {
-        return marker == o.marker && offset == o.offset && length == o.length;
-    }
-};
-std::ostream& operator<<(std::ostream& os, const Seen& s) {
-    return os << "{marker " << s.marker << " @" << s.offset << " " << s.length << " B}";
-}
+// (marker, offset, length) of one packet.
+using Seen = std::tuple<uint32_t, uint32_t, size_t>;
 
 class DeliveryTest : public CatalogueTest {
 protected:
@@ -45,7 +38,7 @@ protected:
             EXPECT_EQ(r.reqType << 8 | r.msgType, 0u);
             EXPECT_EQ(std::string(r.payload.begin(), r.payload.end()),
                       ev->catalogueText.substr(r.offset, r.payload.size()));
-            seen.push_back({r.marker, r.offset, r.payload.size()});
+            seen.emplace_back(r.marker, r.offset, r.payload.size());
         }
         return seen;
     }
