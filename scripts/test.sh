@@ -22,7 +22,7 @@ echo "== ThreadSanitizer (threaded areas)"
 cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DKORVEL_SANITIZE=thread -DKORVEL_BENCH=OFF >/dev/null
 cmake --build build-tsan -j"$jobs"
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
-    ctest --test-dir build-tsan -j"$jobs" --output-on-failure -L 'core|client|transfer|catalogue|delete|system'
+    ctest --test-dir build-tsan -j"$jobs" --output-on-failure -L 'core|client|transfer|catalogue|delete|system|app'
 
 if [ -x scripts/fuzz.sh ]; then
     echo "== fuzzing (bounded)"

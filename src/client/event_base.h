@@ -167,7 +167,7 @@ public:
 
     // Keeps a chunk stream (worker) and a download or capability request (main) from
     // touching the mapped region, the open file or the thumbnail at the same time.
-    std::timed_mutex regionMutex;
+    std::mutex regionMutex;
     // Guards the location texts written by the configuration and read by worker tasks.
     std::mutex locationMutex;
 };

@@ -13,8 +13,8 @@
 namespace korvel {
 
 void CEventBase::process_cap_get(int fd) {
-    RegionLock region(regionMutex, REGION_WAIT);
-    if (!region.owns_lock()) {
+    RegionLock region(regionMutex, std::defer_lock);
+    if (!lock_region(region)) {
         log_print(1, "capability while streaming, refused\n");
         send_msg_ack_to_app(fd, 1, 18, 0, 1, ACK_FAILED, 0);
         return;

@@ -97,8 +97,8 @@ int32_t CEventBase::download_file_name_check(CPacket& packet) {
 }
 
 int32_t CEventBase::process_data_file_download(int fd, CPacket& packet) {
-    RegionLock region(regionMutex, REGION_WAIT);
-    if (!region.owns_lock()) {
+    RegionLock region(regionMutex, std::defer_lock);
+    if (!lock_region(region)) {
         log_print(1, "download while streaming, refused\n");
         return send_msg_ack_to_app(fd, 1, 2, 0, 1, ACK_FAILED, 0);
     }

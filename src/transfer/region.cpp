@@ -7,6 +7,7 @@
 #include "client/event_base.h"
 #include "core/config.h"
 #include "log/log.h"
+#include "transfer/transfer_internal.h"
 
 namespace korvel {
 
@@ -75,6 +76,17 @@ bool region_still_backed(int fileFd, uint32_t mapoff, uint32_t mapsize) {
         return false;
     }
     return static_cast<uint64_t>(st.st_size) >= static_cast<uint64_t>(mapoff) + mapsize;
+}
+
+bool lock_region(RegionLock& lock) {
+    auto deadline = std::chrono::steady_clock::now() + REGION_WAIT;
+    while (!lock.try_lock()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        usleep(1000);
+    }
+    return true;
 }
 
 }  // namespace korvel

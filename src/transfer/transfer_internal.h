@@ -12,7 +12,11 @@ namespace korvel {
 // instead of holding the loop.
 constexpr std::chrono::seconds REGION_WAIT{2};
 
-using RegionLock = std::unique_lock<std::timed_mutex>;
+using RegionLock = std::unique_lock<std::mutex>;
+
+// Takes the region lock within REGION_WAIT. Polled with try_lock rather than a timed
+// mutex: the thread checkers do not see the clock-based lock, and this path is rare.
+bool lock_region(RegionLock& lock);
 
 bool region_still_backed(int fileFd, uint32_t mapoff, uint32_t mapsize);
 
