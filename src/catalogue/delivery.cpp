@@ -84,14 +84,8 @@ void CEventBase::json_file_list_send(int fd, uint8_t marker, uint16_t type, uint
     if (offset >= catalogueLen) {
         return;
     }
-    BurstPlan plan;
-    plan.fd = fd;
-    plan.msgType = 0;
-    plan.base = reinterpret_cast<const uint8_t*>(catalogueText.data());
-    plan.pos = offset;
-    plan.end = catalogueLen;
-    plan.continues = false;
-    send_burst(*this, plan);
+    send_burst(*this, make_plan(fd, 0, reinterpret_cast<const uint8_t*>(catalogueText.data()),
+                                offset, catalogueLen));
 }
 
 }  // namespace korvel

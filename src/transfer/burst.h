@@ -26,6 +26,18 @@ struct BurstPlan {
     bool continues = false;         // last packet marked 2: the file goes on past the region
 };
 
+inline BurstPlan make_plan(int fd, uint8_t msgType, const uint8_t* base, uint32_t pos, uint32_t end,
+                           bool continues = false) {
+    BurstPlan plan;
+    plan.fd = fd;
+    plan.msgType = msgType;
+    plan.base = base;
+    plan.pos = pos;
+    plan.end = end;
+    plan.continues = continues;
+    return plan;
+}
+
 struct BurstResult {
     BurstEnd end = BurstEnd::Empty;
     int32_t lastResult = 0;  // result of the last send (bytes written or negative)

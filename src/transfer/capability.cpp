@@ -43,13 +43,8 @@ void CEventBase::process_cap_get(int fd) {
     if (quitRequested) {
         return;
     }
-    BurstPlan plan;
-    plan.fd = fd;
-    plan.msgType = 18;
-    plan.base = mmap_base_addr;
-    plan.pos = 0;
-    plan.end = fileSize;  // the region holds one burst; the loop never sends more
-    BurstResult r = send_burst(*this, plan);
+    // The region holds one burst of the file; the loop never sends more than one burst.
+    BurstResult r = send_burst(*this, make_plan(fd, 18, mmap_base_addr, 0, fileSize));
     if (r.end == BurstEnd::SendFailed) {
         log_print(1, "cap file send failed %d\n", static_cast<int>(r.lastResult));
         send_msg_ack_to_app(fd, 1, 18, 0, 1, ACK_FAILED, 0);

@@ -39,8 +39,7 @@ int open_media_file(const char* path) {
 
 }  // namespace
 
-// Copies the received name (at most 1023 bytes; a NUL inside ends it) into fileName.
-static bool take_name(CPacket& packet, char* fileName) {
+bool take_request_name(CPacket& packet, char* fileName) {
     uint32_t len = packet.getPayloadLen();
     if (len >= 1024) {
         log_print(1, "error msg with too long size of name: %d\n", static_cast<int>(len));
@@ -52,17 +51,25 @@ static bool take_name(CPacket& packet, char* fileName) {
     return true;
 }
 
+bool resolve_confined(CEventBase& eb, const char* name, std::string& filename,
+                      std::string& absfiledir) {
+    LocationSnapshot loc = eb.location_snapshot();
+    if (eb.get_abs_file_dir(name, filename, absfiledir) == 0 &&
+        is_confined(loc.resourceLocation, filename, absfiledir)) {
+        return true;
+    }
+    log_print(1, "debug: failed name %s userDefLocPrex %s \n", filename.c_str(),
+              absfiledir.c_str());
+    return false;
+}
+
 int32_t CEventBase::download_file_name_check(CPacket& packet) {
     thumbReady = 0;
-    if (!take_name(packet, fileName)) {
+    if (!take_request_name(packet, fileName)) {
         return -1;
     }
     std::string filename, absfiledir;
-    LocationSnapshot loc = location_snapshot();
-    if (get_abs_file_dir(fileName, filename, absfiledir) != 0 ||
-        !is_confined(loc.resourceLocation, filename, absfiledir)) {
-        log_print(1, "debug: failed name %s userDefLocPrex %s \n", filename.c_str(),
-                  absfiledir.c_str());
+    if (!resolve_confined(*this, fileName, filename, absfiledir)) {
         return -1;
     }
     snprintf(fileName, sizeof fileName, "%s", filename.c_str());

@@ -16,6 +16,7 @@
 #include "log/log.h"
 #include "transfer/burst.h"
 #include "transfer/paths.h"
+#include "transfer/transfer_internal.h"
 
 namespace korvel {
 
@@ -31,21 +32,12 @@ struct TextDeleter {
 }  // namespace
 
 int32_t CEventBase::process_data_file_metadata(int fd, CPacket& packet) {
-    uint32_t len = packet.getPayloadLen();
-    if (len >= sizeof fileName) {
-        log_print(1, "error msg with too long size of name: %d\n", static_cast<int>(len));
+    if (!take_request_name(packet, fileName)) {
         send_msg_ack_to_app(fd, 1, 19, 0, 1, ACK_BAD_NAME, 0);
         return -1;
     }
-    memcpy(fileName, packet.getPayload(), len);
-    fileName[len] = '\0';
-    log_print(1, "received filename: %s\n", fileName);
     std::string filename, absfiledir;
-    LocationSnapshot loc = location_snapshot();
-    if (get_abs_file_dir(fileName, filename, absfiledir) != 0 ||
-        !is_confined(loc.resourceLocation, filename, absfiledir)) {
-        log_print(1, "debug: failed name %s userDefLocPrex %s \n", filename.c_str(),
-                  absfiledir.c_str());
+    if (!resolve_confined(*this, fileName, filename, absfiledir)) {
         send_msg_ack_to_app(fd, 1, 19, 0, 1, ACK_NOT_FOUND, 0);
         return -1;
     }
@@ -84,13 +76,8 @@ int32_t CEventBase::process_data_file_metadata(int fd, CPacket& packet) {
     if (!text || quitRequested) {
         return 0;
     }
-    BurstPlan plan;
-    plan.fd = fd;
-    plan.msgType = 19;
-    plan.base = reinterpret_cast<const uint8_t*>(text.get());
-    plan.pos = 0;
-    plan.end = static_cast<uint32_t>(strlen(text.get()));
-    send_burst(*this, plan);
+    send_burst(*this, make_plan(fd, 19, reinterpret_cast<const uint8_t*>(text.get()), 0,
+                                static_cast<uint32_t>(strlen(text.get()))));
     return 0;
 }
 

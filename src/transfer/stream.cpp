@@ -66,14 +66,8 @@ int32_t CEventBase::transfer_file_data(int fd, uint8_t msgType, uint32_t offset,
         readOffset += need;
         return 0;
     }
-    BurstPlan plan;
-    plan.fd = fd;
-    plan.msgType = msgType;
-    plan.base = mmap_base_addr;
-    plan.pos = start;
-    plan.end = end;
-    plan.continues = continues;
-    BurstResult r = send_burst(*this, plan);
+    BurstResult r =
+        send_burst(*this, make_plan(fd, msgType, mmap_base_addr, start, end, continues));
     if (r.end != BurstEnd::SendFailed) {
         readOffset += need;
     }
@@ -86,13 +80,7 @@ void CEventBase::transfer_thumbnail_data(int fd, uint32_t offset) {
         return;
     }
     // At or past the end the plan is empty and nothing is sent: no reply, as for files.
-    BurstPlan plan;
-    plan.fd = fd;
-    plan.msgType = 3;
-    plan.base = thumbBuf;
-    plan.pos = offset;
-    plan.end = thumbSize;
-    send_burst(*this, plan);
+    send_burst(*this, make_plan(fd, 3, thumbBuf, offset, thumbSize));
 }
 
 }  // namespace korvel

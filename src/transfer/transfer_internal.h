@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <mutex>
+#include <string>
 
 namespace korvel {
 
@@ -19,6 +20,17 @@ using RegionLock = std::unique_lock<std::mutex>;
 bool lock_region(RegionLock& lock);
 
 bool region_still_backed(int fileFd, uint32_t mapoff, uint32_t mapsize);
+
+class CEventBase;
+class CPacket;
+
+// Copies a request's name (at most 1023 bytes; a NUL inside ends it) into fileName;
+// false, logged, when the payload is too long.
+bool take_request_name(CPacket& packet, char* fileName);
+
+// Resolves a request name and keeps it on the card; a refusal is logged here.
+bool resolve_confined(CEventBase& eb, const char* name, std::string& filename,
+                      std::string& absfiledir);
 
 // The size reply's payload: the size as it lies in memory on the camera, little-endian.
 inline void size_le(uint32_t size, uint8_t out[4]) {
