@@ -16,6 +16,14 @@ constexpr size_t TEXT_SIZE = 1024;
 constexpr uint32_t TIFF_START = 8;  // segment offset of the TIFF header
 constexpr size_t APP0_BYTES = 18;
 
+// Field types whose numbers are read by their own width and sign.
+constexpr uint16_t TYPE_BYTE = 1;
+constexpr uint16_t TYPE_ASCII = 2;
+constexpr uint16_t TYPE_SHORT = 3;
+constexpr uint16_t TYPE_SBYTE = 6;
+constexpr uint16_t TYPE_UNDEFINED = 7;
+constexpr uint16_t TYPE_SSHORT = 8;
+
 constexpr uint16_t TAG_MAKE = 0x010F;
 constexpr uint16_t TAG_MODEL = 0x0110;
 constexpr uint16_t TAG_RES_UNIT = 0x0128;
@@ -71,20 +79,20 @@ void take_text(char* text, const uint8_t* p, size_t max) {
 void inline_value(char* text, uint16_t type, uint32_t length, const uint8_t* field, bool be) {
     int number;
     switch (type) {
-        case 2:
+        case TYPE_ASCII:
             take_text(text, field, length);
             return;
-        case 3:
+        case TYPE_SHORT:
             number = get16(field, be);
             break;
-        case 8:
+        case TYPE_SSHORT:
             number = int16_t(get16(field, be));
             break;
-        case 6:
+        case TYPE_SBYTE:
             number = int8_t(field[0]);
             break;
-        case 1:
-        case 7:
+        case TYPE_BYTE:
+        case TYPE_UNDEFINED:
             number = field[0];
             break;
         default:  // LONG, SLONG and the field of any other type: the 32 bits as an int
@@ -383,15 +391,15 @@ bool open_tiff(FILE* fp, TiffFile* t) {
         return false;
     }
     jpeg_skip_app0(fp);
-    long tiff = ftell(fp);
-    if (tiff < 0 || tiff + 10 + 4 > size || fseek(fp, tiff + 10, SEEK_SET) != 0) {
+    long app1 = ftell(fp);  // the APP1 marker, length and identifier are taken on trust
+    if (app1 < 0 || app1 + 10 + 4 > size || fseek(fp, app1 + 10, SEEK_SET) != 0) {
         return false;
     }
     uint8_t mark[4];
     if (fread(mark, 1, 4, fp) != 4 || mark[0] != mark[1] || (mark[0] != 'I' && mark[0] != 'M')) {
         return false;
     }
-    *t = TiffFile{fp, uint64_t(tiff) + 10, uint64_t(size), mark[0] == 'M'};
+    *t = TiffFile{fp, uint64_t(app1) + 10, uint64_t(size), mark[0] == 'M'};
     return true;
 }
 
