@@ -56,29 +56,29 @@ protected:
 
 TEST_F(ExifFacts, App1IsFoundOnlyFirstOrAfterAnEighteenByteApp0) {
     const Texts full = {"Korvel", "KV-200 Mark II", "1920", "1080", "2", "1"};
-    JpegSpec spec = camera_spec("Korvel", "KV-200 Mark II", 1920, 1080);
-    spec.exif[0] = exif_short(TAG_PIXEL_X, 1920);
+    JpegPlan photo = camera_plan("Korvel", "KV-200 Mark II", 1920, 1080);
+    photo.exif[0] = exif_short(TAG_PIXEL_X, 1920);
     struct Case {
         size_t app0;
         bool app1;
         Texts want;
     } cases[] = {{0, true, full}, {18, true, full}, {30, true, KEPT}, {18, false, KEPT}};
     for (const Case& c : cases) {
-        spec.app0Bytes = c.app0;
-        spec.withApp1 = c.app1;
+        photo.app0Bytes = c.app0;
+        photo.withApp1 = c.app1;
         Facts f("keep");
-        EXPECT_EQ(read(jpeg_file(spec), &f), 0) << c.app0;
+        EXPECT_EQ(read(jpeg_file(photo), &f), 0) << c.app0;
         EXPECT_EQ(f.texts(), c.want) << c.app0 << " " << c.app1;
     }
 }
 
 TEST_F(ExifFacts, BothByteOrdersGiveTheSameTexts) {
     for (bool be : {false, true}) {
-        JpegSpec spec = camera_spec("Korvel", "KV-200", 4000, 3000);
-        spec.bigEndian = be;
-        spec.exif = {exif_short(TAG_PIXEL_X, 4000), exif_long(TAG_PIXEL_Y, 3000)};
+        JpegPlan photo = camera_plan("Korvel", "KV-200", 4000, 3000);
+        photo.bigEndian = be;
+        photo.exif = {exif_short(TAG_PIXEL_X, 4000), exif_long(TAG_PIXEL_Y, 3000)};
         Facts f;
-        EXPECT_EQ(read(jpeg_file(spec), &f), 0);
+        EXPECT_EQ(read(jpeg_file(photo), &f), 0);
         EXPECT_EQ(f.texts(), (Texts{"Korvel", "KV-200", "4000", "3000", "2", "1"})) << be;
         EXPECT_EQ(out, "");
     }
@@ -106,28 +106,28 @@ TEST_F(ExifFacts, ValuesAreReadByTheirTypeAndCutToTheField) {
     };
     for (bool be : {false, true}) {
         for (const Case& c : cases) {
-            JpegSpec spec;
-            spec.bigEndian = be;
-            spec.ifd0 = {c.entry};
+            JpegPlan photo;
+            photo.bigEndian = be;
+            photo.ifd0 = {c.entry};
             Facts f;
-            EXPECT_EQ(read(jpeg_file(spec), &f), 0);
+            EXPECT_EQ(read(jpeg_file(photo), &f), 0);
             EXPECT_EQ(f.texts()[c.field], c.want) << "tag " << c.entry.tag << " be " << be;
         }
     }
 }
 
 TEST_F(ExifFacts, BadEntriesAreSkippedAndTheWalkGoesOn) {
-    JpegSpec spec = camera_spec("Korvel", "KV-200", 640, 480);
-    spec.ifd0.insert(spec.ifd0.begin(), exif_raw(TAG_MAKE, 13, 1, 0));
-    spec.ifd0.insert(spec.ifd0.begin() + 2, exif_raw(TAG_MODEL, EXIF_ASCII, 8, 1u << 31));
+    JpegPlan photo = camera_plan("Korvel", "KV-200", 640, 480);
+    photo.ifd0.insert(photo.ifd0.begin(), exif_raw(TAG_MAKE, 13, 1, 0));
+    photo.ifd0.insert(photo.ifd0.begin() + 2, exif_raw(TAG_MODEL, EXIF_ASCII, 8, 1u << 31));
     Facts f;
-    EXPECT_EQ(read(jpeg_file(spec), &f), 0);
+    EXPECT_EQ(read(jpeg_file(photo), &f), 0);
     EXPECT_EQ(out, "wrong format type 13 \n");
     EXPECT_EQ(f.texts(), (Texts{"Korvel", "KV-200", "640", "480", "2", "1"}));
 }
 
 TEST_F(ExifFacts, HeaderChecksPrintTheirLineAndFillNothing) {
-    const std::string good = exif_app1(camera_spec("Korvel", "KV", 8, 8)).substr(2);
+    const std::string good = exif_app1(camera_plan("Korvel", "KV", 8, 8)).substr(2);
     struct Case {
         size_t at;
         std::string bytes;
@@ -166,21 +166,21 @@ TEST_F(ExifFacts, HeaderChecksPrintTheirLineAndFillNothing) {
 }
 
 TEST_F(ExifFacts, Ifd0MayStartAnywhereUpToSixteen) {
-    JpegSpec spec = camera_spec("Korvel", "KV", 8, 6);
-    spec.ifd0Offset = 16;
+    JpegPlan photo = camera_plan("Korvel", "KV", 8, 6);
+    photo.ifd0Offset = 16;
     Facts f;
-    EXPECT_EQ(read(jpeg_file(spec), &f), 0);
+    EXPECT_EQ(read(jpeg_file(photo), &f), 0);
     EXPECT_EQ(f.texts(), (Texts{"Korvel", "KV", "8", "6", "2", "1"}));
 }
 
 TEST_F(ExifFacts, ImplausibleApp1LengthsAndUnreadableFiles) {
-    JpegSpec spec = camera_spec("Korvel", "KV", 8, 8);
-    std::string file = jpeg_file(spec);
+    JpegPlan photo = camera_plan("Korvel", "KV", 8, 8);
+    std::string file = jpeg_file(photo);
     std::string plus1 = std::to_string(file.size() + 1);
     for (uint16_t length : {uint16_t(0), uint16_t(1), uint16_t(file.size() + 2)}) {
         std::string bad = file;
-        bad[app1_pos(spec) + 2] = char(length >> 8);
-        bad[app1_pos(spec) + 3] = char(length & 0xFF);
+        bad[app1_pos(photo) + 2] = char(length >> 8);
+        bad[app1_pos(photo) + 3] = char(length & 0xFF);
         Facts f("keep");
         EXPECT_EQ(read(bad, &f), -1);
         EXPECT_EQ(out, "debug: metasize exceed: " + std::to_string(length) + "  " + plus1 + "\n");
@@ -201,14 +201,14 @@ TEST_F(ExifFacts, ImplausibleApp1LengthsAndUnreadableFiles) {
 // Every prefix of a photo, and directories whose counts run past the data: nothing is read
 // outside the segment (the sanitizer builds check that), and what was read stays.
 TEST_F(ExifFacts, CutFilesAndRunawayCountsStayInside) {
-    JpegSpec spec = camera_spec("Korvel", "KV-200", 640, 480, small_jpeg());
-    std::string file = jpeg_file(spec);
+    JpegPlan photo = camera_plan("Korvel", "KV-200", 640, 480, small_jpeg());
+    std::string file = jpeg_file(photo);
     for (size_t n = 0; n <= file.size(); ++n) {
         Facts f;
         int rc = read(file.substr(0, n), &f);
         EXPECT_TRUE(rc == 0 || rc == -1) << n;
     }
-    std::string seg = exif_app1(spec).substr(2);
+    std::string seg = exif_app1(photo).substr(2);
     std::string runaway = seg;
     runaway[8 + 8] = '\xFF';  // IFD0 count 0x7FFF, little-endian
     runaway[8 + 9] = '\x7F';

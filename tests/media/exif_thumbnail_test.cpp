@@ -44,11 +44,11 @@ TEST_F(ExifThumbnail, CopiedWholeInBothByteOrdersWithOrWithoutApp0) {
     const std::string thumb = pattern(9000);
     for (bool be : {false, true}) {
         for (size_t app0 : {size_t(0), size_t(18)}) {
-            JpegSpec spec = camera_spec("Korvel", "KV-200", 640, 480, thumb);
-            spec.bigEndian = be;
-            spec.app0Bytes = app0;
+            JpegPlan photo = camera_plan("Korvel", "KV-200", 640, 480, thumb);
+            photo.bigEndian = be;
+            photo.app0Bytes = app0;
             size = 0;
-            ASSERT_EQ(read(jpeg_file(spec)), 0) << be << " " << app0;
+            ASSERT_EQ(read(jpeg_file(photo)), 0) << be << " " << app0;
             EXPECT_EQ(size, 9000u);
             EXPECT_EQ(got(), thumb);
         }
@@ -56,29 +56,29 @@ TEST_F(ExifThumbnail, CopiedWholeInBothByteOrdersWithOrWithoutApp0) {
 }
 
 TEST_F(ExifThumbnail, CapacityIsAHardLimit) {
-    JpegSpec spec = camera_spec("Korvel", "KV", 8, 8, small_jpeg());
+    JpegPlan photo = camera_plan("Korvel", "KV", 8, 8, small_jpeg());
     uint32_t n = uint32_t(small_jpeg().size());
-    EXPECT_EQ(read(jpeg_file(spec), n - 1), -1);
+    EXPECT_EQ(read(jpeg_file(photo), n - 1), -1);
     EXPECT_TRUE(untouched());
-    EXPECT_EQ(read(jpeg_file(spec), n), 0);
+    EXPECT_EQ(read(jpeg_file(photo), n), 0);
     EXPECT_EQ(got(), small_jpeg());
 }
 
 TEST_F(ExifThumbnail, MissingOrAbsurdDirectoriesAreRefused) {
     auto with = [](std::vector<ExifEntry> ifd1) {
-        JpegSpec s = camera_spec("Korvel", "KV", 8, 8);
+        JpegPlan s = camera_plan("Korvel", "KV", 8, 8);
         s.ifd1 = ifd1;
         return jpeg_file(s);
     };
-    JpegSpec longer = camera_spec("Korvel", "KV", 8, 8, small_jpeg());
+    JpegPlan longer = camera_plan("Korvel", "KV", 8, 8, small_jpeg());
     longer.app0Bytes = 30;
-    std::string ifd0Far = jpeg_file(camera_spec("Korvel", "KV", 8, 8, small_jpeg()));
-    ifd0Far.replace(tiff_pos(JpegSpec()) + 4, 4, "\xF0\xFF\xFF\x7F");
+    std::string ifd0Far = jpeg_file(camera_plan("Korvel", "KV", 8, 8, small_jpeg()));
+    ifd0Far.replace(tiff_pos(JpegPlan()) + 4, 4, "\xF0\xFF\xFF\x7F");
     struct Case {
         const char* what;
         std::string file;
     } cases[] = {
-        {"no IFD1", jpeg_file(camera_spec("Korvel", "KV", 8, 8))},
+        {"no IFD1", jpeg_file(camera_plan("Korvel", "KV", 8, 8))},
         {"IFD1 without the thumbnail tags", with({exif_short(TAG_RES_UNIT, 2)})},
         {"offset only", with({exif_long(TAG_THUMB_OFFSET, 8)})},
         {"length only", with({exif_long(TAG_THUMB_LENGTH, 8)})},
@@ -98,8 +98,8 @@ TEST_F(ExifThumbnail, MissingOrAbsurdDirectoriesAreRefused) {
 }
 
 TEST_F(ExifThumbnail, EveryCutOfTheFileIsRefusedUntilTheThumbnailIsWhole) {
-    JpegSpec spec = camera_spec("Korvel", "KV", 8, 8, small_jpeg());
-    std::string file = jpeg_file(spec);
+    JpegPlan photo = camera_plan("Korvel", "KV", 8, 8, small_jpeg());
+    std::string file = jpeg_file(photo);
     size_t thumbEnd = file.find(small_jpeg()) + small_jpeg().size();
     for (size_t n = 0; n <= file.size(); ++n) {
         EXPECT_EQ(read(file.substr(0, n)), n >= thumbEnd ? 0 : -1) << n;

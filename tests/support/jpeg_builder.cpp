@@ -43,43 +43,43 @@ struct Layout {
     size_t ifd0Pos = 0, exifPos = 0, ifd1Pos = 0, dataPos = 0, thumbPos = 0;
 };
 
-std::vector<ExifEntry> all_entries(const Layout& l, const JpegSpec& spec) {
+std::vector<ExifEntry> all_entries(const Layout& l, const JpegPlan& photo) {
     std::vector<ExifEntry> all = l.ifd0;
-    all.insert(all.end(), spec.exif.begin(), spec.exif.end());
+    all.insert(all.end(), photo.exif.begin(), photo.exif.end());
     all.insert(all.end(), l.ifd1.begin(), l.ifd1.end());
     return all;
 }
 
 // Places the directories and sizes the data area, so every offset is known before writing.
-Layout plan(const JpegSpec& spec) {
+Layout lay_out(const JpegPlan& photo) {
     Layout l;
-    l.ifd0 = spec.ifd0;
-    if (!spec.exif.empty()) {
+    l.ifd0 = photo.ifd0;
+    if (!photo.exif.empty()) {
         l.ifd0.push_back(exif_long(TAG_EXIF_POINTER, 0));  // patched below
     }
-    bool hasIfd1 = !spec.thumbnail.empty() || !spec.ifd1.empty();
-    if (!spec.thumbnail.empty()) {
+    bool hasIfd1 = !photo.thumbnail.empty() || !photo.ifd1.empty();
+    if (!photo.thumbnail.empty()) {
         l.ifd1.push_back(exif_long(TAG_THUMB_OFFSET, 0));  // patched below
-        l.ifd1.push_back(exif_long(TAG_THUMB_LENGTH, uint32_t(spec.thumbnail.size())));
+        l.ifd1.push_back(exif_long(TAG_THUMB_LENGTH, uint32_t(photo.thumbnail.size())));
     }
-    l.ifd1.insert(l.ifd1.end(), spec.ifd1.begin(), spec.ifd1.end());
+    l.ifd1.insert(l.ifd1.end(), photo.ifd1.begin(), photo.ifd1.end());
 
-    l.ifd0Pos = spec.ifd0Offset < 8 ? 8 : spec.ifd0Offset;
+    l.ifd0Pos = photo.ifd0Offset < 8 ? 8 : photo.ifd0Offset;
     l.exifPos = l.ifd0Pos + dir_size(l.ifd0.size());
-    l.ifd1Pos = l.exifPos + (spec.exif.empty() ? 0 : dir_size(spec.exif.size()));
+    l.ifd1Pos = l.exifPos + (photo.exif.empty() ? 0 : dir_size(photo.exif.size()));
     l.dataPos = l.ifd1Pos + (hasIfd1 ? dir_size(l.ifd1.size()) : 0);
     size_t data = 0;
-    for (const ExifEntry& e : all_entries(l, spec)) {
-        size_t n = value_bytes(e, spec.bigEndian).size();
+    for (const ExifEntry& e : all_entries(l, photo)) {
+        size_t n = value_bytes(e, photo.bigEndian).size();
         if (n > 4) {
             data += n + (n & 1);
         }
     }
     l.thumbPos = l.dataPos + data;
-    if (!spec.exif.empty()) {
+    if (!photo.exif.empty()) {
         l.ifd0.back().numbers = {uint32_t(l.exifPos)};
     }
-    if (!spec.thumbnail.empty()) {
+    if (!photo.thumbnail.empty()) {
         l.ifd1[0].numbers = {uint32_t(l.thumbPos)};
     }
     return l;
@@ -167,46 +167,46 @@ ExifEntry exif_raw(uint16_t tag, uint16_t type, uint32_t count, uint32_t field) 
     return e;
 }
 
-std::string exif_tiff(const JpegSpec& spec) {
-    Layout l = plan(spec);
-    bool be = spec.bigEndian;
+std::string exif_tiff(const JpegPlan& photo) {
+    Layout l = lay_out(photo);
+    bool be = photo.bigEndian;
     std::string out = be ? "MM" : "II";
     put(out, 42, 2, be);
-    put(out, spec.ifd0Offset, 4, be);
+    put(out, photo.ifd0Offset, 4, be);
     out.resize(l.ifd0Pos, '\0');
     std::string data;
     bool hasIfd1 = !l.ifd1.empty();
     write_dir(out, l.ifd0, hasIfd1 ? uint32_t(l.ifd1Pos) : 0, be, data, l.dataPos);
-    if (!spec.exif.empty()) {
-        write_dir(out, spec.exif, 0, be, data, l.dataPos);
+    if (!photo.exif.empty()) {
+        write_dir(out, photo.exif, 0, be, data, l.dataPos);
     }
     if (hasIfd1) {
         write_dir(out, l.ifd1, 0, be, data, l.dataPos);
     }
-    return out + data + spec.thumbnail;
+    return out + data + photo.thumbnail;
 }
 
-std::string exif_app1(const JpegSpec& spec) {
-    return marker_segment(0xE1, std::string("Exif\0\0", 6) + exif_tiff(spec));
+std::string exif_app1(const JpegPlan& photo) {
+    return marker_segment(0xE1, std::string("Exif\0\0", 6) + exif_tiff(photo));
 }
 
-std::string jpeg_file(const JpegSpec& spec) {
+std::string jpeg_file(const JpegPlan& photo) {
     std::string out = "\xFF\xD8";
-    if (spec.app0Bytes > 0) {
-        out += app0(spec.app0Bytes);
+    if (photo.app0Bytes > 0) {
+        out += app0(photo.app0Bytes);
     }
-    if (spec.withApp1) {
-        out += exif_app1(spec);
+    if (photo.withApp1) {
+        out += exif_app1(photo);
     }
-    return out + (spec.body.empty() ? small_jpeg().substr(2) : spec.body);
+    return out + (photo.body.empty() ? small_jpeg().substr(2) : photo.body);
 }
 
-size_t app1_pos(const JpegSpec& spec) {
-    return 2 + (spec.app0Bytes == 0 ? 0 : (spec.app0Bytes < 4 ? 4 : spec.app0Bytes));
+size_t app1_pos(const JpegPlan& photo) {
+    return 2 + (photo.app0Bytes == 0 ? 0 : (photo.app0Bytes < 4 ? 4 : photo.app0Bytes));
 }
 
-size_t tiff_pos(const JpegSpec& spec) {
-    return app1_pos(spec) + 10;
+size_t tiff_pos(const JpegPlan& photo) {
+    return app1_pos(photo) + 10;
 }
 
 std::string small_jpeg() {
@@ -224,9 +224,9 @@ std::string small_jpeg() {
     return out + "\xFF\xD9";
 }
 
-JpegSpec camera_spec(const std::string& make, const std::string& model, uint32_t width,
+JpegPlan camera_plan(const std::string& make, const std::string& model, uint32_t width,
                      uint32_t height, const std::string& thumbnail) {
-    JpegSpec s;
+    JpegPlan s;
     s.ifd0 = {exif_ascii(TAG_MAKE, make), exif_ascii(TAG_MODEL, model), exif_short(TAG_RES_UNIT, 2),
               exif_short(TAG_YCBCR_POSITIONING, 1)};
     s.exif = {exif_long(TAG_PIXEL_X, width), exif_long(TAG_PIXEL_Y, height)};

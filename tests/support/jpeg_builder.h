@@ -1,4 +1,4 @@
-// Tiny JPEG/EXIF writer for tests: a spec of the directories becomes the bytes of a JPEG
+// Tiny JPEG/EXIF writer for tests: a plan of the directories becomes the bytes of a JPEG
 // whose APP1 block lays them out the way the camera does (IFD0, the EXIF directory right
 // after it, IFD1, long values, thumbnail). Tests that need a broken file patch the bytes;
 // the offset helpers say where things are.
@@ -62,7 +62,7 @@ ExifEntry exif_number(uint16_t tag, uint16_t type, uint32_t value);  // any one-
 ExifEntry exif_rational(uint16_t tag, uint32_t num, uint32_t den);
 ExifEntry exif_raw(uint16_t tag, uint16_t type, uint32_t count, uint32_t field);
 
-struct JpegSpec {
+struct JpegPlan {
     bool bigEndian = false;  // MM instead of II
     // Whole APP0 segment in bytes (marker, length and JFIF data); 0 leaves it out. The
     // camera writes 18; anything else from 4 up is written with a matching length field.
@@ -81,13 +81,13 @@ struct JpegSpec {
     std::string body;
 };
 
-std::string exif_tiff(const JpegSpec& spec);  // the TIFF structure alone
-std::string exif_app1(const JpegSpec& spec);  // FF E1, length, "Exif\0\0", TIFF
-std::string jpeg_file(const JpegSpec& spec);  // SOI, APP0?, APP1?, body
+std::string exif_tiff(const JpegPlan& photo);  // the TIFF structure alone
+std::string exif_app1(const JpegPlan& photo);  // FF E1, length, "Exif\0\0", TIFF
+std::string jpeg_file(const JpegPlan& photo);  // SOI, APP0?, APP1?, body
 
-// Byte positions in jpeg_file(spec): the APP1 marker and TIFF offset 0.
-size_t app1_pos(const JpegSpec& spec);
-size_t tiff_pos(const JpegSpec& spec);
+// Byte positions in jpeg_file(photo): the APP1 marker and TIFF offset 0.
+size_t app1_pos(const JpegPlan& photo);
+size_t tiff_pos(const JpegPlan& photo);
 
 // A complete 8x8 grey baseline JPEG (about 130 bytes) that decoders accept; a handy
 // thumbnail and body.
@@ -95,8 +95,15 @@ std::string small_jpeg();
 
 // A JPEG with the usual camera facts: Make, Model, ResolutionUnit 2, YCbCrPositioning 1,
 // PixelX/YDimension, and `thumbnail` in IFD1 when non-empty.
-JpegSpec camera_spec(const std::string& make, const std::string& model, uint32_t width,
+JpegPlan camera_plan(const std::string& make, const std::string& model, uint32_t width,
                      uint32_t height, const std::string& thumbnail = "");
+
+// Old names still used by the transfer tests; remove once they say JpegPlan/camera_plan.
+using JpegSpec = JpegPlan;
+inline JpegPlan camera_spec(const std::string& make, const std::string& model, uint32_t width,
+                            uint32_t height, const std::string& thumbnail = "") {
+    return camera_plan(make, model, width, height, thumbnail);
+}
 
 }  // namespace testsupport
 }  // namespace korvel
