@@ -41,11 +41,11 @@ protected:
         return out;
     }
 
-    Facts read_track(const TrackSpec& spec) { return read_bytes(mp4_file(moov(trak(spec)))); }
+    Facts read_track(const TrackPlan& plan) { return read_bytes(mp4_file(moov(trak(plan)))); }
 };
 
 TEST_F(Mp4Facts, H264ClipGivesAllSixTexts) {
-    TrackSpec t;
+    TrackPlan t;
     t.timescale = 30000;
     t.duration = 315000;
     t.entries = visual_entry("avc1", 4096, 2160, avcc(100, 51));
@@ -74,7 +74,7 @@ TEST_F(Mp4Facts, BitRateIsFlooredThenRoundedToKbit) {
         {600000000, 1, "2521530"},  // 4.8e12 bit/s wraps at 32 bits
     };
     for (const Case& c : cases) {
-        TrackSpec t;
+        TrackPlan t;
         t.duration = c.duration;
         t.sizes = stsz(c.bytes, 1);
         EXPECT_EQ(read_track(t).bitRate, c.text) << c.bytes << " bytes";
@@ -82,7 +82,7 @@ TEST_F(Mp4Facts, BitRateIsFlooredThenRoundedToKbit) {
 }
 
 TEST_F(Mp4Facts, NtscFrameRateAndDuration) {
-    TrackSpec t;
+    TrackPlan t;
     t.timescale = 30000;
     t.duration = 300300;
     t.sizes = stsz(1000, 300);
@@ -130,7 +130,7 @@ TEST_F(Mp4Facts, CodecTextByEntry) {
          "", "Unknown - no me"},
     };
     for (const Case& c : cases) {
-        TrackSpec t;
+        TrackPlan t;
         t.entries = c.entries;
         Facts f = read_bytes(mp4_file(moov(c.iodsBox + trak(t))));
         EXPECT_EQ(f.rc, 0) << c.what;
@@ -139,7 +139,7 @@ TEST_F(Mp4Facts, CodecTextByEntry) {
 }
 
 TEST_F(Mp4Facts, OnlyVideoTracksWriteAndTheLastOneWins) {
-    TrackSpec first, audio, last;
+    TrackPlan first, audio, last;
     first.entries = visual_entry("avc1", 1920, 1080, avcc(100, 40));
     audio.id = 2;
     audio.handler = "soun";

@@ -30,8 +30,8 @@ protected:
         return Mp4Handle(mp4_open(path.c_str()));
     }
 
-    Mp4Handle open_track(const TrackSpec& spec, const std::string& moovExtra = "") {
-        return open_bytes(mp4_file(moov(moovExtra + trak(spec))));
+    Mp4Handle open_track(const TrackPlan& plan, const std::string& moovExtra = "") {
+        return open_bytes(mp4_file(moov(moovExtra + trak(plan))));
     }
 
     // Everything the facts step asks of track index 0, as one comparable line.
@@ -54,8 +54,8 @@ protected:
         return line;
     }
 
-    static TrackSpec mp4v_track(const std::string& esdsBox) {
-        TrackSpec t;
+    static TrackPlan mp4v_track(const std::string& esdsBox) {
+        TrackPlan t;
         t.timescale = 25;
         t.duration = 250;
         t.entries = visual_entry("mp4v", 640, 480, esdsBox);
@@ -65,9 +65,9 @@ protected:
 };
 
 TEST_F(Mp4Reader, RefusesMalformedFiles) {
-    TrackSpec plain;
+    TrackPlan plain;
     std::string m = moov(trak(plain));
-    TrackSpec shortTable, noPps;
+    TrackPlan shortTable, noPps;
     shortTable.sizes = stsz(0, 5, {1, 2, 3});
     noPps.entries = visual_entry("avc1", 640, 480, avcc(100, 40, false));
     struct Case {
@@ -107,13 +107,13 @@ TEST_F(Mp4Reader, RefusesAMoovLargerThanTheCap) {
 }
 
 TEST_F(Mp4Reader, LayoutVariantsGiveIdenticalFacts) {
-    TrackSpec t;
+    TrackPlan t;
     std::string m = moov(trak(t));
     const std::string base = summary(open_bytes(ftyp() + m + mdat(64)).get());
     ASSERT_EQ(base, "n=1 id=1 vide avc1 avc=1/100/40 ms=10000 br=800 640x480 fps=0.100000");
     std::string mvhdTrak = mvhd() + trak(t);
     auto with_name = [&t](HdlrName form) {
-        TrackSpec named = t;
+        TrackPlan named = t;
         named.hdlrName = form;
         return ftyp() + moov(trak(named));
     };
@@ -166,7 +166,7 @@ TEST_F(Mp4Reader, DurationConversion) {
     EXPECT_FALSE(mp4_rescale(10, 0, 1000, &untouched));
     EXPECT_EQ(untouched, 7u);
 
-    TrackSpec zero, v1;
+    TrackPlan zero, v1;
     zero.timescale = 0;
     Mp4Handle f = open_track(zero);
     ASSERT_NE(f, nullptr);
@@ -184,8 +184,8 @@ TEST_F(Mp4Reader, DurationConversion) {
 }
 
 TEST_F(Mp4Reader, BitRateSources) {
-    TrackSpec stz16, stz8, stz4, both, pcm, stated, unstated, wave;
-    for (TrackSpec* one_second : {&stz16, &stz8, &stz4, &both}) {
+    TrackPlan stz16, stz8, stz4, both, pcm, stated, unstated, wave;
+    for (TrackPlan* one_second : {&stz16, &stz8, &stz4, &both}) {
         one_second->duration = 1000;
     }
     stz16.sizes = stz2(16, {300, 500, 700});
@@ -206,7 +206,7 @@ TEST_F(Mp4Reader, BitRateSources) {
     wave.sizes = stsz(300, 431);
     struct Case {
         const char* what;
-        const TrackSpec& spec;
+        const TrackPlan& plan;
         uint32_t bitRate;
     } cases[] = {
         {"stz2 16-bit", stz16, 12000},
@@ -220,7 +220,7 @@ TEST_F(Mp4Reader, BitRateSources) {
         {"esds inside wave is not a stated rate", wave, 103367},
     };
     for (const Case& c : cases) {
-        Mp4Handle f = open_track(c.spec);
+        Mp4Handle f = open_track(c.plan);
         ASSERT_NE(f, nullptr) << c.what;
         EXPECT_EQ(mp4_track_bit_rate(f.get(), 1), c.bitRate) << c.what;
     }
@@ -257,7 +257,7 @@ TEST_F(Mp4Reader, VisualProfileLevelSources) {
 }
 
 TEST_F(Mp4Reader, SampleEntryFacts) {
-    TrackSpec encv, bare, hevc, twoEntries;
+    TrackPlan encv, bare, hevc, twoEntries;
     encv.entries = visual_entry("encv", 1280, 720, avcc(77, 31) + sinf("avc1"));
     Mp4Handle f = open_track(encv);
     ASSERT_NE(f, nullptr);
@@ -291,7 +291,7 @@ TEST_F(Mp4Reader, SampleEntryFacts) {
 }
 
 TEST_F(Mp4Reader, TrackListAndIds) {
-    TrackSpec a, dup, broken, good, zero;
+    TrackPlan a, dup, broken, good, zero;
     a.entries = visual_entry("avc1", 640, 480, avcc(100, 40));
     dup.entries = visual_entry("avc1", 320, 240, avcc(66, 30));
     Mp4Handle f = open_bytes(mp4_file(moov(trak(a) + trak(dup))));
@@ -303,7 +303,7 @@ TEST_F(Mp4Reader, TrackListAndIds) {
     broken.id = 7;
     broken.withStco = false;
     good.id = 2;
-    TrackSpec headless = broken;
+    TrackPlan headless = broken;
     headless.withStco = true;
     headless.withTkhd = false;
     f = open_bytes(mp4_file(moov(trak(broken) + trak(headless) + trak(good))));
@@ -324,7 +324,7 @@ TEST_F(Mp4Reader, TrackListAndIds) {
 }
 
 TEST_F(Mp4Reader, FrameRateDividesBeforeScaling) {
-    TrackSpec ntsc;
+    TrackPlan ntsc;
     ntsc.timescale = 30000;
     ntsc.duration = 300300;
     ntsc.sizes = stsz(1000, 300);
@@ -336,7 +336,7 @@ TEST_F(Mp4Reader, FrameRateDividesBeforeScaling) {
 }
 
 TEST_F(Mp4Reader, FragmentedFileReportsEmptyTables) {
-    TrackSpec t;
+    TrackPlan t;
     t.duration = 0;
     t.sizes = stsz(0, 0);
     std::string moof = box("moof", full_box("mfhd", 0, be32(1)));

@@ -175,7 +175,7 @@ std::string stco() {
     return full_box("stco", 0, be32(1) + be32(48));
 }
 
-std::string trak(const TrackSpec& s) {
+std::string trak(const TrackPlan& s) {
     std::string entries =
         s.entries.empty() ? visual_entry("avc1", 640, 480, avcc(100, 40)) : s.entries;
     std::string sizes = s.sizes.empty() ? stsz(1000, 1) : s.sizes;

@@ -45,7 +45,7 @@ std::string stsc();
 std::string stco();
 
 // One track with sensible defaults: a 10 s video track with one 1000-byte sample.
-struct TrackSpec {
+struct TrackPlan {
     uint32_t id = 1;
     const char* handler = "vide";
     HdlrName hdlrName = HdlrName::CString;
@@ -58,7 +58,7 @@ struct TrackSpec {
     bool withTkhd = true;
     bool withStco = true;
 };
-std::string trak(const TrackSpec& spec);
+std::string trak(const TrackPlan& plan);
 // moov holding mvhd followed by `children`.
 std::string moov(const std::string& children);
 // ftyp + moov + a small mdat.
