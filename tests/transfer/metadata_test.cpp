@@ -30,6 +30,8 @@ protected:
         ASSERT_EQ(configure(4096, 4), ACK_DONE);
         add("100MEDIA", "IMG_0001.JPG",
             testsupport::jpeg_file(testsupport::camera_spec("Maker", "Model", 640, 480)));
+        add("100MEDIA", "low.jpg",
+            testsupport::jpeg_file(testsupport::camera_spec("Lower", "Case", 64, 48)));
         std::string clip = testsupport::mp4_file(testsupport::moov(testsupport::trak({})));
         add("100MEDIA", "a.mp4", clip);
         add("100MEDIA", "b.mov", clip);
@@ -56,9 +58,8 @@ TEST_F(Metadata, DocumentHoldsTheRecordOfKnownTypes) {
         const char* key;  // a fact the record must carry; null: empty array
         const char* value;
     } cases[] = {
-        {"100MEDIA-IMG_0001.JPG", "imgmaker", "Maker"},
-        {"100MEDIA-a.mp4", "imgWidth", "640"},
-        {"100MEDIA-b.mov", "imgHeight", "480"},
+        {"100MEDIA-IMG_0001.JPG", "imgmaker", "Maker"}, {"100MEDIA-low.jpg", "imgmodle", "Case"},
+        {"100MEDIA-a.mp4", "imgWidth", "640"},          {"100MEDIA-b.mov", "imgHeight", "480"},
         {"100MEDIA-IMG_0001.THM", nullptr, nullptr},
     };
     for (const Case& c : cases) {
