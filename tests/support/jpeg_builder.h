@@ -98,12 +98,5 @@ std::string small_jpeg();
 JpegPlan camera_plan(const std::string& make, const std::string& model, uint32_t width,
                      uint32_t height, const std::string& thumbnail = "");
 
-// Old names still used by the transfer tests; remove once they say JpegPlan/camera_plan.
-using JpegSpec = JpegPlan;
-inline JpegPlan camera_spec(const std::string& make, const std::string& model, uint32_t width,
-                            uint32_t height, const std::string& thumbnail = "") {
-    return camera_plan(make, model, width, height, thumbnail);
-}
-
 }  // namespace testsupport
 }  // namespace korvel

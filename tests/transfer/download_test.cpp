@@ -13,7 +13,7 @@ namespace korvel {
 namespace transfertest {
 namespace {
 
-using testsupport::camera_spec;
+using testsupport::camera_plan;
 using testsupport::jpeg_file;
 
 int open_descriptors() {
@@ -49,10 +49,10 @@ TEST_F(Download, SizeReplyIsLittleEndianAndTheFirstFileStays) {
 
 TEST_F(Download, MissingThmIsServedFromTheJpegThumbnail) {
     std::string thumb = pattern(9000, 3);
-    add("100MEDIA", "IMG_0001.JPG", jpeg_file(camera_spec("M", "N", 8, 8, thumb)));
-    add("100MEDIA", "low.jpg", jpeg_file(camera_spec("M", "N", 8, 8, thumb.substr(0, 500))));
-    add("100MEDIA", "a.JPG", jpeg_file(camera_spec("M", "N", 8, 8, thumb)));
-    add("100MEDIA", "bare.JPG", jpeg_file(camera_spec("M", "N", 8, 8)));
+    add("100MEDIA", "IMG_0001.JPG", jpeg_file(camera_plan("M", "N", 8, 8, thumb)));
+    add("100MEDIA", "low.jpg", jpeg_file(camera_plan("M", "N", 8, 8, thumb.substr(0, 500))));
+    add("100MEDIA", "a.JPG", jpeg_file(camera_plan("M", "N", 8, 8, thumb)));
+    add("100MEDIA", "bare.JPG", jpeg_file(camera_plan("M", "N", 8, 8)));
     EXPECT_EQ(size_reply(download("100MEDIA-IMG_0001.thm")), 9000u);
     EXPECT_EQ(std::string(eb->thumbBuf, eb->thumbBuf + 9000), thumb);
     EXPECT_EQ(size_reply(download("100MEDIA-low.thm")), 500u);

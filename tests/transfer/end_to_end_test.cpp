@@ -86,7 +86,7 @@ TEST_F(EndToEnd, ReassembledFileEqualsTheCard) {
 TEST_F(EndToEnd, ThumbnailAndUserDefinedLocation) {
     std::string thumb = pattern(20000, 13);
     write_file(media + "/IMG_0001.JPG",
-               testsupport::jpeg_file(testsupport::camera_spec("M", "N", 8, 8, thumb)));
+               testsupport::jpeg_file(testsupport::camera_plan("M", "N", 8, 8, thumb)));
     ASSERT_EQ(app.configure(4096, 4, card + "/", true), app::CLIENT_OK);
     EXPECT_EQ(next().ackCode, ACK_DONE);
     ASSERT_EQ(requested_size("card-100MEDIA-IMG_0001.thm"), thumb.size());

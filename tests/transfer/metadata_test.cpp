@@ -29,9 +29,9 @@ protected:
         TransferTest::SetUp();
         ASSERT_EQ(configure(4096, 4), ACK_DONE);
         add("100MEDIA", "IMG_0001.JPG",
-            testsupport::jpeg_file(testsupport::camera_spec("Maker", "Model", 640, 480)));
+            testsupport::jpeg_file(testsupport::camera_plan("Maker", "Model", 640, 480)));
         add("100MEDIA", "low.jpg",
-            testsupport::jpeg_file(testsupport::camera_spec("Lower", "Case", 64, 48)));
+            testsupport::jpeg_file(testsupport::camera_plan("Lower", "Case", 64, 48)));
         std::string clip = testsupport::mp4_file(testsupport::moov(testsupport::trak({})));
         add("100MEDIA", "a.mp4", clip);
         add("100MEDIA", "b.mov", clip);

@@ -157,7 +157,7 @@ TEST_F(Stream, ThumbnailStreamsFromTheJpegUntilItsEnd) {
     ASSERT_EQ(configure(4096, 4), ACK_DONE);
     data = pattern(9000, 7);
     add("100MEDIA", "IMG_0001.JPG",
-        testsupport::jpeg_file(testsupport::camera_spec("M", "N", 8, 8, data)));
+        testsupport::jpeg_file(testsupport::camera_plan("M", "N", 8, 8, data)));
     ASSERT_EQ(size_reply(download("100MEDIA-IMG_0001.thm")), 9000u);
     ASSERT_EQ(eb->thumbReady, 1);
     struct Case {
