@@ -88,6 +88,9 @@ public:
     int32_t process_quit(int fd);
 
     // ---- core/: replies and the loop's checks ----
+    // send_msg_data_to_app's result when the payload could not be read (its mapping lost
+    // its pages); nothing was written.
+    static constexpr int32_t SEND_SOURCE_LOST = -3;
     int32_t send_msg_data_to_app(int fd, uint8_t marker, uint8_t msgType, uint32_t offset,
                                  const void* data, uint32_t len);
     int32_t send_msg_ack_to_app(int fd, uint8_t marker, uint8_t msgType, uint32_t offset,

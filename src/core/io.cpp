@@ -43,6 +43,18 @@ int give_up_stalled(int fd) {
     return -1;
 }
 
+// A write that fails after part of a packet went out (the payload's pages were lost, say)
+// leaves the peer inside a packet that never ends; it would take whatever follows as the
+// rest. Such a connection cannot be framed again, so it is shut down like a stalled one.
+int give_up_torn(int fd, bool torn) {
+    int saved = errno;
+    if (torn) {
+        shutdown(fd, SHUT_RDWR);
+    }
+    errno = saved;
+    return -1;
+}
+
 uint32_t be32_at(const uint8_t* p) {
     return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
            static_cast<uint32_t>(p[2]) << 8 | p[3];
@@ -97,23 +109,25 @@ int writev_all(int fd, const void* a, int alen, const void* b, int blen, const v
         return total;
     }
     iovec* cur = iov;
+    bool torn = false;  // part of the packet is on the wire
     while (cnt > 0) {
         ssize_t r = writev(fd, cur, cnt);
         if (r == 0) {
-            return -1;
+            return give_up_torn(fd, torn);
         }
         if (r < 0) {
             if (errno == EINTR) {
                 continue;
             }
             if (errno != EAGAIN && errno != EWOULDBLOCK) {
-                return -1;
+                return give_up_torn(fd, torn);
             }
             if (!wait_ready(fd, POLLOUT, WRITE_STALL_MS)) {
                 return give_up_stalled(fd);
             }
             continue;
         }
+        torn = true;
         size_t done = static_cast<size_t>(r);
         while (cnt > 0 && done >= cur->iov_len) {
             done -= cur->iov_len;

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/mapping_guard.h"
+
 namespace korvel {
 
 namespace {
@@ -102,17 +104,18 @@ void CPacket::packData(uint8_t marker, uint8_t msgType, uint32_t seqNO, uint32_t
     memcpy(buf + PACKET_HEADER_SIZE + len, trailer, PACKET_TRAILER_SIZE);
 }
 
-void CPacket::packDataHeader(uint8_t marker, uint8_t msgType, uint32_t seqNO, uint32_t offset,
+bool CPacket::packDataHeader(uint8_t marker, uint8_t msgType, uint32_t seqNO, uint32_t offset,
                              const void* data, uint32_t len, uint8_t trailer[4]) {
     HeaderWords h{
         {seqNO | static_cast<uint32_t>(msgType) << 24 | static_cast<uint32_t>(marker) << 29,
          localId, offset, len, timestamp_now()}};
     uint32_t crc = header_crc(h);
-    if (len > 0) {
-        crc = crc32_calc(crc, data, len);
+    if (len > 0 && !crc32_guarded(crc, data, len, crc)) {
+        return false;
     }
     write_wire_header(buf, h);
     put_be32(trailer, crc);
+    return true;
 }
 
 void CPacket::packAck(uint8_t marker, uint8_t msgType, uint32_t seqNO, uint32_t offset,

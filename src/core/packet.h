@@ -38,7 +38,8 @@ public:
                  uint16_t ackCode, uint16_t ackValue);
     // Zero-copy variant of packData for streamed replies: writes only the wire header into
     // buf[0..20) and the wire trailer into trailer[4]; the payload stays where it is.
-    void packDataHeader(uint8_t marker, uint8_t msgType, uint32_t seqNO, uint32_t offset,
+    // False when the payload could not be read (a mapping that lost its pages).
+    bool packDataHeader(uint8_t marker, uint8_t msgType, uint32_t seqNO, uint32_t offset,
                         const void* data, uint32_t len, uint8_t trailer[4]);
     void unpackHeader();
 

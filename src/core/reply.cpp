@@ -18,7 +18,10 @@ int32_t CEventBase::send_msg_data_to_app(int fd, uint8_t marker, uint8_t msgType
     }
     std::lock_guard<std::mutex> guard(sendMutex);
     uint8_t trailer[PACKET_TRAILER_SIZE];
-    sendPacket.packDataHeader(marker, msgType, replySeqNO, offset, data, len, trailer);
+    if (!sendPacket.packDataHeader(marker, msgType, replySeqNO, offset, data, len, trailer)) {
+        log_print(1, "payload unreadable, offset %u, size %u\n", offset, len);
+        return SEND_SOURCE_LOST;  // nothing written: the stream is still whole
+    }
     int size = static_cast<int>(len + PACKET_HEADER_SIZE + PACKET_TRAILER_SIZE);
     log_print(1, "[%s:%d]msgtype = %02x,marker = %02x,message_size = %d\n", "send_msg_data_to_app",
               329, msgType, marker, size);

@@ -13,6 +13,7 @@
 
 #include "client/event_base.h"
 #include "core/config.h"
+#include "core/mapping_guard.h"
 #include "delete/deleter.h"
 #include "log/log.h"
 
@@ -84,6 +85,7 @@ void CDownload::korvel_download_init() {
     if (listen(listenFd, LISTEN_BACKLOG) == -1) {
         log_fatal(1, "[ERROR],%slisten error", INIT_SIG);
     }
+    install_mapping_guard();
     if (mdeletehanlder != nullptr) {
         return;
     }

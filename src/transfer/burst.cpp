@@ -5,6 +5,7 @@
 #include <time.h>
 
 #include "client/event_base.h"
+#include "core/packet.h"
 #include "log/log.h"
 
 namespace korvel {
@@ -24,7 +25,12 @@ uint8_t last_marker(const CEventBase& eb, bool continues) {
     return eb.readOffset != 0 ? 3 : 1;
 }
 
-BurstResult failed(CEventBase& eb, int32_t result, uint32_t pos) {
+BurstResult failed(CEventBase& eb, const BurstPlan& plan, int32_t result, uint32_t pos) {
+    if (result == CEventBase::SEND_SOURCE_LOST) {
+        // Nothing of the packet went out, so the app can still be told, in order.
+        eb.send_msg_ack_to_app(plan.fd, 1, plan.msgType, 0, 1, ACK_FAILED, 0);
+        return BurstResult{BurstEnd::SourceLost, result, pos};
+    }
     log_print(1, "send failed %d, offset %d\n", static_cast<int>(result), static_cast<int>(pos));
     eb.sendFailed = 1;
     return BurstResult{BurstEnd::SendFailed, result, pos};
@@ -66,7 +72,7 @@ BurstResult send_burst(CEventBase& eb, const BurstPlan& plan) {
             int32_t sent =
                 eb.send_msg_data_to_app(plan.fd, marker, plan.msgType, pos, plan.base + pos, left);
             if (sent < 0) {
-                return failed(eb, sent, pos);
+                return failed(eb, plan, sent, pos);
             }
             log_print(1, "debug, status %d, data read offset = %u, %u, %d\n",
                       static_cast<int>(sent), pos, plan.end, marker);
@@ -75,7 +81,7 @@ BurstResult send_burst(CEventBase& eb, const BurstPlan& plan) {
         int32_t sent = eb.send_msg_data_to_app(plan.fd, middle_marker(eb), plan.msgType, pos,
                                                plan.base + pos, packsize);
         if (sent < 0) {
-            return failed(eb, sent, pos);
+            return failed(eb, plan, sent, pos);
         }
         log_print(1, "data read offset = %u, %u, %u\n", pos, plan.end, packsize);
         pos += packsize;

@@ -14,6 +14,7 @@ enum class BurstEnd {
     BlocksUsed,  // userDefBlocks packets went out before the end
     Quit,        // quitRequested was seen (before a packet or after a pause)
     SendFailed,  // a send failed: logged, sendFailed set
+    SourceLost,  // the payload could not be read (the file shrank): 0xFB06 sent
     Empty,       // nothing to send: pos >= end, or a burst size of 0
 };
 

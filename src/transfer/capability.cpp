@@ -43,7 +43,8 @@ void CEventBase::process_cap_get(int fd) {
     if (quitRequested) {
         return;
     }
-    // The region holds one burst of the file; the loop never sends more than one burst.
+    // The region holds one burst of the file; the loop never sends more than one burst. A
+    // file that shrank under the region has had its 0xFB06 from the loop already.
     BurstResult r = send_burst(*this, make_plan(fd, 18, mmap_base_addr, 0, fileSize));
     if (r.end == BurstEnd::SendFailed) {
         log_print(1, "cap file send failed %d\n", static_cast<int>(r.lastResult));

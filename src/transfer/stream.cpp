@@ -68,7 +68,7 @@ int32_t CEventBase::transfer_file_data(int fd, uint8_t msgType, uint32_t offset,
     }
     BurstResult r =
         send_burst(*this, make_plan(fd, msgType, mmap_base_addr, start, end, continues));
-    if (r.end != BurstEnd::SendFailed) {
+    if (r.end != BurstEnd::SendFailed && r.end != BurstEnd::SourceLost) {
         readOffset += need;
     }
     return r.lastResult;

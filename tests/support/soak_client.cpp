@@ -194,8 +194,8 @@ bool request_size(app::Client& c, const std::string& name, const SessionParams& 
     return true;
 }
 
-Fetched download(app::Client& c, const std::string& name, const SessionParams& p,
-                 std::mt19937& rng, bool thumbnail) {
+Fetched download(app::Client& c, const std::string& name, const SessionParams& p, std::mt19937& rng,
+                 bool thumbnail) {
     Fetched f;
     uint32_t size = 0;
     if (!request_size(c, name, p, f, size)) {

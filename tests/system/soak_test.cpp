@@ -99,8 +99,7 @@ private:
     std::string dcim;
     std::mt19937 rng{7};
 
-    void add(const std::string& dir, const std::string& file, const std::string& bytes,
-             Kind kind) {
+    void add(const std::string& dir, const std::string& file, const std::string& bytes, Kind kind) {
         std::string path = dcim + "/" + dir + "/" + file;
         testsupport::make_dirs(dcim + "/" + dir);
         testsupport::write_file(path, bytes);
@@ -186,7 +185,11 @@ class SoakApp {
 public:
     SoakApp(int index, uint16_t serverPort, const SoakCard& soakCard, Tally& tally,
             Clock::time_point end)
-        : idx(index), port(serverPort), card(soakCard), t(tally), deadline(end),
+        : idx(index),
+          port(serverPort),
+          card(soakCard),
+          t(tally),
+          deadline(end),
           rng(1000 + index) {}
     void run();
 
@@ -260,8 +263,8 @@ void SoakApp::catalogue() {
 
 void SoakApp::download() {
     const CardFile& file = card.files[rng() % card.files.size()];
-    testsupport::SessionParams p = testsupport::random_params(
-        rng, static_cast<uint32_t>(file.bytes.size()), REPLY_TIMEOUT_MS);
+    testsupport::SessionParams p =
+        testsupport::random_params(rng, static_cast<uint32_t>(file.bytes.size()), REPLY_TIMEOUT_MS);
     if (!begin(p)) {
         return;
     }
@@ -358,34 +361,34 @@ void SoakApp::send_garbage() {
     std::vector<uint8_t> pkt = app::encode_packet(1, 1, 5, c.seqNO, peer, 0, 0, "\0\0\0\0", 4);
     app::Reply r;
     switch (rng() % 3) {
-    case 0: {  // a checksum that does not match is answered and the connection stays
-        pkt.back() ^= 0x5A;
-        c.send_raw(pkt.data(), pkt.size());
-        if (testsupport::read_reply_of(c, 5, r, REPLY_TIMEOUT_MS) != app::CLIENT_OK ||
-            r.reqType != 1 || r.ackCode != ACK_BAD_CHECKSUM) {
-            fail("bad checksum not answered with 0xFB03");
-            reconnect();
+        case 0: {  // a checksum that does not match is answered and the connection stays
+            pkt.back() ^= 0x5A;
+            c.send_raw(pkt.data(), pkt.size());
+            if (testsupport::read_reply_of(c, 5, r, REPLY_TIMEOUT_MS) != app::CLIENT_OK ||
+                r.reqType != 1 || r.ackCode != ACK_BAD_CHECKSUM) {
+                fail("bad checksum not answered with 0xFB03");
+                reconnect();
+            }
+            return;
         }
-        return;
-    }
-    case 1: {  // a length outside 4..65532 closes the connection
-        uint32_t len = rng() % 2 == 0 ? 3 : 65533 + rng() % 100000;
-        pkt[12] = static_cast<uint8_t>(len >> 24);
-        pkt[13] = static_cast<uint8_t>(len >> 16);
-        pkt[14] = static_cast<uint8_t>(len >> 8);
-        pkt[15] = static_cast<uint8_t>(len);
-        c.send_raw(pkt.data(), pkt.size());
-        if (c.read_reply(r, REPLY_TIMEOUT_MS) != app::CLIENT_CLOSED) {
-            fail("bad length did not close the connection");
+        case 1: {  // a length outside 4..65532 closes the connection
+            uint32_t len = rng() % 2 == 0 ? 3 : 65533 + rng() % 100000;
+            pkt[12] = static_cast<uint8_t>(len >> 24);
+            pkt[13] = static_cast<uint8_t>(len >> 16);
+            pkt[14] = static_cast<uint8_t>(len >> 8);
+            pkt[15] = static_cast<uint8_t>(len);
+            c.send_raw(pkt.data(), pkt.size());
+            if (c.read_reply(r, REPLY_TIMEOUT_MS) != app::CLIENT_CLOSED) {
+                fail("bad length did not close the connection");
+            }
+            break;
         }
-        break;
-    }
-    default: {  // noise with a peerID of its own, then gone
-        std::string noise = random_bytes(rng, 20 + rng() % 4000);
-        memcpy(&noise[4], &pkt[4], 4);
-        c.send_raw(noise.data(), noise.size());
-        break;
-    }
+        default: {  // noise with a peerID of its own, then gone
+            std::string noise = random_bytes(rng, 20 + rng() % 4000);
+            memcpy(&noise[4], &pkt[4], 4);
+            c.send_raw(noise.data(), noise.size());
+            break;
+        }
     }
     reconnect();
 }
@@ -507,13 +510,14 @@ TEST_F(Soak, ManyAppsAtOnceLoseNothingAndLeaveNothingBehind) {
             EXPECT_EQ(testsupport::read_file(f.path), f.bytes) << f.path << " changed";
         }
     }
-    printf("soak: %d apps, %d s: %d downloads (%lld bytes), %d catalogues, %d metadata, "
-           "%d deletes, %d cut bursts, %d cut packets, %d garbage; fds %d -> %d; "
-           "heap %ld -> %ld KiB, rss %ld -> %ld KiB\n",
-           apps, seconds, tally.downloads.load(), tally.bytes.load(), tally.catalogues.load(),
-           tally.metadata.load(), tally.deletes.load(), tally.cutBursts.load(),
-           tally.cutPackets.load(), tally.garbage.load(), baseFds,
-           testsupport::open_fd_count(), warmHeapKib, endHeapKib, warmKib, endKib);
+    printf(
+        "soak: %d apps, %d s: %d downloads (%lld bytes), %d catalogues, %d metadata, "
+        "%d deletes, %d cut bursts, %d cut packets, %d garbage; fds %d -> %d; "
+        "heap %ld -> %ld KiB, rss %ld -> %ld KiB\n",
+        apps, seconds, tally.downloads.load(), tally.bytes.load(), tally.catalogues.load(),
+        tally.metadata.load(), tally.deletes.load(), tally.cutBursts.load(),
+        tally.cutPackets.load(), tally.garbage.load(), baseFds, testsupport::open_fd_count(),
+        warmHeapKib, endHeapKib, warmKib, endKib);
 }
 
 }  // namespace

@@ -10,7 +10,9 @@
 #include <thread>
 #include <vector>
 
+#include "core/mapping_guard.h"
 #include "support/jpeg_builder.h"
+#include "transfer/burst.h"
 #include "transfer_fixture.h"
 
 namespace korvel {
@@ -151,6 +153,24 @@ TEST_F(Stream, QuitStopsTheBurstButAdvancesReadOffset) {
     EXPECT_TRUE(chunk(0, 0).empty());
     EXPECT_EQ(eb->readOffset, 16384u);
     eb->quitRequested = 0;
+}
+
+// A file cut short while its region is being sent: the page that is gone cannot be read,
+// so the burst stops there with 0xFB06 instead of taking the server down with SIGBUS.
+TEST_F(Stream, PagesLostMidBurstEndTheBurstWithFailure) {
+    install_mapping_guard();
+    open_file(40000, 4096, 4);
+    ASSERT_EQ(truncate((location + "/100MEDIA/CLIP.MP4").c_str(), 4096), 0);
+    BurstResult r = send_burst(*eb, make_plan(sv[0], 3, eb->mmap_base_addr, 0, 16384));
+    EXPECT_EQ(r.end, BurstEnd::SourceLost);
+    Replies got = replies();
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(bytes_of(got[0]), data.substr(0, 4096));
+    EXPECT_EQ(got[1].reqType, 1u);
+    EXPECT_EQ(got[1].ackCode, ACK_FAILED);
+    EXPECT_EQ(got[1].msgType, 3u);
+    // The next request finds the region no longer backed and says so before sending.
+    EXPECT_EQ(ack_code(chunk(4096, 0)), ACK_FAILED);
 }
 
 TEST_F(Stream, ThumbnailStreamsFromTheJpegUntilItsEnd) {
