@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <malloc.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -148,6 +149,9 @@ void CDownload::release_handler(uint32_t peerID) {
     }
     delete it->second;  // waits for the running task and joins the worker
     handlerMap.erase(it);
+    if (handlerMap.empty()) {
+        malloc_trim(0);  // the last app has gone: hand its catalogues' memory back
+    }
 }
 
 uint16_t CDownload::bound_port() const {
