@@ -297,6 +297,22 @@ int Client::ctrl(uint8_t msgType, uint32_t offset, uint16_t ackValue, uint8_t ma
     return send_ctrl(peerID, seq, msgType, marker, offset, ackFlag, ackValue, ackCode);
 }
 
+int Client::read_reply_of(uint32_t msgType, Reply& reply, int timeoutMs) {
+    for (int skipped = 0; skipped < 64; ++skipped) {
+        int r = read_reply(reply, timeoutMs);
+        if (r != CLIENT_OK) {
+            return r;
+        }
+        if (!reply.crcOk) {
+            return CLIENT_BAD_PACKET;
+        }
+        if (reply.msgType == msgType) {
+            return CLIENT_OK;
+        }
+    }
+    return CLIENT_BAD_PACKET;
+}
+
 int Client::read_reply(Reply& reply, int timeoutMs) {
     if (sock < 0) {
         return CLIENT_ERROR;

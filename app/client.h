@@ -81,6 +81,10 @@ public:
 
     // One whole reply, CRC verified (crcOk); CLIENT_OK or a negative result above.
     int read_reply(Reply& reply, int timeoutMs = 5000);
+    // The next reply of `msgType` (a reply or acknowledgement of that type), skipping up to
+    // 64 others such as the late packets of an abandoned burst. A reply whose CRC does not
+    // match is CLIENT_BAD_PACKET.
+    int read_reply_of(uint32_t msgType, Reply& reply, int timeoutMs = 5000);
 
     // Message helpers built on the senders above.
     int configure(uint16_t packsize, uint16_t blocks, const std::string& location = "",

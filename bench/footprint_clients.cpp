@@ -41,24 +41,6 @@ struct JsonDeleter {
 };
 using JsonPtr = std::unique_ptr<cJSON, JsonDeleter>;
 
-// Reads replies until one of msgType arrives; a few strays (late packets of an earlier
-// burst) are skipped.
-int read_reply_of(app::Client& c, uint32_t msgType, app::Reply& r) {
-    for (int skipped = 0; skipped < 64; ++skipped) {
-        int rr = c.read_reply(r, REPLY_TIMEOUT_MS);
-        if (rr != app::CLIENT_OK) {
-            return rr;
-        }
-        if (!r.crcOk) {
-            return app::CLIENT_BAD_PACKET;
-        }
-        if (r.msgType == msgType) {
-            return app::CLIENT_OK;
-        }
-    }
-    return app::CLIENT_BAD_PACKET;
-}
-
 // Connects and configures, which makes the server create the app's event base.
 int connect_and_configure(app::Client& c, uint16_t port, uint32_t peer, uint16_t packsize,
                           uint16_t blocks) {
@@ -70,7 +52,7 @@ int connect_and_configure(app::Client& c, uint16_t port, uint32_t peer, uint16_t
         return -1;
     }
     app::Reply r;
-    if (read_reply_of(c, 17, r) != app::CLIENT_OK || r.reqType != 1) {
+    if (c.read_reply_of(17, r, REPLY_TIMEOUT_MS) != app::CLIENT_OK || r.reqType != 1) {
         return -1;
     }
     return 0;
@@ -79,7 +61,7 @@ int connect_and_configure(app::Client& c, uint16_t port, uint32_t peer, uint16_t
 void quit_app(app::Client& c) {
     if (c.quit() == app::CLIENT_OK) {
         app::Reply r;
-        read_reply_of(c, 7, r);
+        c.read_reply_of(7, r, REPLY_TIMEOUT_MS);
     }
     c.close_connection();
 }
@@ -142,8 +124,8 @@ std::string fetch_catalogue(SoakApp& a) {
     for (int requests = 0; s == app::CLIENT_OK && requests < MAX_CATALOGUE_REQUESTS; ++requests) {
         for (uint32_t count = 0; count < a.blocks; ++count) {
             app::Reply r;
-            if (read_reply_of(a.client, 0, r) != app::CLIENT_OK || r.reqType == 1 ||
-                r.offset != text.size() || r.payload.empty()) {
+            if (a.client.read_reply_of(0, r, REPLY_TIMEOUT_MS) != app::CLIENT_OK ||
+                r.reqType == 1 || r.offset != text.size() || r.payload.empty()) {
                 return std::string();
             }
             text.append(r.payload.begin(), r.payload.end());
@@ -174,7 +156,7 @@ int read_burst(SoakApp& a, uint32_t need) {
     uint32_t got = 0;
     while (got < need) {
         app::Reply r;
-        if (read_reply_of(a.client, 6, r) != app::CLIENT_OK || r.reqType == 1 ||
+        if (a.client.read_reply_of(6, r, REPLY_TIMEOUT_MS) != app::CLIENT_OK || r.reqType == 1 ||
             r.payload.empty() || got + r.payload.size() > need) {
             return -1;
         }
@@ -187,7 +169,7 @@ int read_burst(SoakApp& a, uint32_t need) {
 long long download(SoakApp& a, const std::string& name) {
     app::Reply r;
     if (a.client.request_download(name) != app::CLIENT_OK ||
-        read_reply_of(a.client, 2, r) != app::CLIENT_OK || r.reqType == 1 ||
+        a.client.read_reply_of(2, r, REPLY_TIMEOUT_MS) != app::CLIENT_OK || r.reqType == 1 ||
         r.payload.size() != 4) {
         return -1;
     }

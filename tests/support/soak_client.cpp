@@ -91,7 +91,7 @@ bool read_chunk(app::Client& c, const Chunk& k, const SessionParams& p, uint32_t
     uint32_t expectOffset = 0;
     while (got < k.need) {
         app::Reply r;
-        int rr = read_reply_of(c, k.msgType, r, p.timeoutMs);
+        int rr = c.read_reply_of(k.msgType, r, p.timeoutMs);
         if (rr != app::CLIENT_OK) {
             f = broken(client_error("chunk reply", rr));
             return false;
@@ -140,29 +140,13 @@ SessionParams random_params(std::mt19937& rng, uint32_t size, int timeoutMs) {
     return p;
 }
 
-int read_reply_of(app::Client& c, uint32_t msgType, app::Reply& r, int timeoutMs) {
-    for (int skipped = 0; skipped < 64; ++skipped) {
-        int rr = c.read_reply(r, timeoutMs);
-        if (rr != app::CLIENT_OK) {
-            return rr;
-        }
-        if (!r.crcOk) {
-            return app::CLIENT_BAD_PACKET;
-        }
-        if (r.msgType == msgType) {
-            return app::CLIENT_OK;
-        }
-    }
-    return app::CLIENT_BAD_PACKET;
-}
-
 int configure_session(app::Client& c, const SessionParams& p) {
     int s = c.configure(p.packsize, p.blocks);
     if (s != app::CLIENT_OK) {
         return s;
     }
     app::Reply r;
-    int rr = read_reply_of(c, 17, r, p.timeoutMs);
+    int rr = c.read_reply_of(17, r, p.timeoutMs);
     if (rr != app::CLIENT_OK) {
         return rr;
     }
@@ -177,7 +161,7 @@ bool request_size(app::Client& c, const std::string& name, const SessionParams& 
         return false;
     }
     app::Reply r;
-    int rr = read_reply_of(c, 2, r, p.timeoutMs);
+    int rr = c.read_reply_of(2, r, p.timeoutMs);
     if (rr != app::CLIENT_OK) {
         f = broken(client_error("size reply", rr));
         return false;
@@ -223,29 +207,52 @@ Fetched download(app::Client& c, const std::string& name, const SessionParams& p
     return f;
 }
 
+bool read_document_burst(app::Client& c, uint32_t msgType, const SessionParams& p,
+                         std::string& text, bool& last, Fetched& f) {
+    last = false;
+    for (uint32_t count = 0; count < p.blocks && !last; ++count) {
+        app::Reply r;
+        int rr = c.read_reply_of(msgType, r, p.timeoutMs);
+        if (rr != app::CLIENT_OK) {
+            f = broken(client_error("document reply", rr));
+            return false;
+        }
+        if (r.reqType == 1) {
+            f = refused(r.ackCode);
+            return false;
+        }
+        if (r.offset != text.size() || r.payload.empty() || r.payload.size() > p.packsize) {
+            f = broken("document packet out of place");
+            return false;
+        }
+        text.append(reinterpret_cast<const char*>(r.payload.data()), r.payload.size());
+        last = r.marker == 1 || r.marker == 3;
+    }
+    return true;
+}
+
+namespace {
+
+Fetched done(std::string& text) {
+    Fetched f;
+    f.outcome = Outcome::Done;
+    f.bytes = std::move(text);
+    return f;
+}
+
+}  // namespace
+
 Fetched fetch_catalogue(app::Client& c, uint16_t type, const SessionParams& p, int maxRequests) {
     std::string text;
     int s = c.request_catalogue(type, 0, 1);
     for (int requests = 1; s == app::CLIENT_OK; ++requests) {
-        for (uint32_t count = 0; count < p.blocks; ++count) {
-            app::Reply r;
-            int rr = read_reply_of(c, 0, r, p.timeoutMs);
-            if (rr != app::CLIENT_OK) {
-                return broken(client_error("catalogue reply", rr));
-            }
-            if (r.reqType == 1) {
-                return refused(r.ackCode);
-            }
-            if (r.offset != text.size() || r.payload.empty() || r.payload.size() > p.packsize) {
-                return broken("catalogue packet out of place");
-            }
-            text.append(reinterpret_cast<const char*>(r.payload.data()), r.payload.size());
-            if (r.marker == 1 || r.marker == 3) {
-                Fetched f;
-                f.outcome = Outcome::Done;
-                f.bytes = std::move(text);
-                return f;
-            }
+        Fetched f;
+        bool last = false;
+        if (!read_document_burst(c, 0, p, text, last, f)) {
+            return f;
+        }
+        if (last) {
+            return done(text);
         }
         if (requests == maxRequests) {
             return broken("catalogue longer than the request budget");
@@ -261,27 +268,12 @@ Fetched fetch_metadata(app::Client& c, const std::string& name, const SessionPar
         return broken(client_error("metadata request", s));
     }
     std::string text;
-    for (uint32_t count = 0; count < p.blocks; ++count) {
-        app::Reply r;
-        int rr = read_reply_of(c, 19, r, p.timeoutMs);
-        if (rr != app::CLIENT_OK) {
-            return broken(client_error("metadata reply", rr));
-        }
-        if (r.reqType == 1) {
-            return refused(r.ackCode);
-        }
-        if (r.offset != text.size() || r.payload.empty()) {
-            return broken("metadata packet out of place");
-        }
-        text.append(reinterpret_cast<const char*>(r.payload.data()), r.payload.size());
-        if (r.marker == 1 || r.marker == 3) {
-            Fetched f;
-            f.outcome = Outcome::Done;
-            f.bytes = std::move(text);
-            return f;
-        }
+    Fetched f;
+    bool last = false;
+    if (!read_document_burst(c, 19, p, text, last, f)) {
+        return f;
     }
-    return broken("metadata reply longer than one burst");
+    return last ? done(text) : broken("metadata reply longer than one burst");
 }
 
 bool end_session(app::Client& c, bool quit, int timeoutMs) {
@@ -292,7 +284,7 @@ bool end_session(app::Client& c, bool quit, int timeoutMs) {
         return false;
     }
     app::Reply r;
-    return read_reply_of(c, 7, r, timeoutMs) == app::CLIENT_OK && r.reqType == 1 &&
+    return c.read_reply_of(7, r, timeoutMs) == app::CLIENT_OK && r.reqType == 1 &&
            r.ackCode == ACK_DONE;
 }
 

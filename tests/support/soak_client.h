@@ -38,10 +38,6 @@ struct SessionParams {
 // within about 64 requests.
 SessionParams random_params(std::mt19937& rng, uint32_t size, int timeoutMs);
 
-// Reads replies, skipping any that do not match msgType, until one matches. CLIENT_OK or
-// the read's failure.
-int read_reply_of(app::Client& c, uint32_t msgType, app::Reply& r, int timeoutMs);
-
 // Configuration (default location): the status code of the reply, or a negative client
 // result.
 int configure_session(app::Client& c, const SessionParams& p);
@@ -53,8 +49,14 @@ bool request_size(app::Client& c, const std::string& name, const SessionParams& 
 // A whole download in the current session (configure first): the size request, then chunk
 // requests of random forms (data or control, explicit or zero length, message types 3 to 6;
 // only 3 for a thumbnail substitute), reassembled by offset.
-Fetched download(app::Client& c, const std::string& name, const SessionParams& p,
-                 std::mt19937& rng, bool thumbnail);
+Fetched download(app::Client& c, const std::string& name, const SessionParams& p, std::mt19937& rng,
+                 bool thumbnail);
+
+// One burst of a document reply (catalogue 0, metadata 19) appended to `text`, each
+// packet's offset checked against it; `last` when the document's last packet came. False
+// with `f` holding the refusal or the breakage.
+bool read_document_burst(app::Client& c, uint32_t msgType, const SessionParams& p,
+                         std::string& text, bool& last, Fetched& f);
 
 // The catalogue of `type`, page by page (configure first).
 Fetched fetch_catalogue(app::Client& c, uint16_t type, const SessionParams& p,

@@ -84,6 +84,14 @@ protected:
         testsupport::write_file(media + "/" + name, bytes);
         return media + "/" + name;
     }
+    // A configured session with `name` opened for download; its size.
+    uint32_t open_download(app::Client& c, const std::string& name, const SessionParams& p) {
+        EXPECT_EQ(testsupport::configure_session(c, p), static_cast<int>(ACK_DONE));
+        Fetched f;
+        uint32_t size = 0;
+        EXPECT_TRUE(testsupport::request_size(c, name, p, f, size)) << f.why;
+        return size;
+    }
     // After the fault: a fresh app gets a catalogue and, when the card still has it, a file.
     void clean_app_is_served(const std::string& name = "", const std::string& bytes = "") {
         app::Client c;
@@ -104,23 +112,6 @@ protected:
     }
 };
 
-// Reads one burst of `blocks` catalogue packets; the text so far grows by their payloads.
-bool read_catalogue_burst(app::Client& c, uint16_t blocks, std::string& text, bool& last) {
-    for (uint16_t i = 0; i < blocks; ++i) {
-        app::Reply r;
-        if (testsupport::read_reply_of(c, 0, r, TIMEOUT_MS) != app::CLIENT_OK || r.reqType != 0 ||
-            r.offset != text.size()) {
-            return false;
-        }
-        text.append(r.payload.begin(), r.payload.end());
-        last = r.marker == 1 || r.marker == 3;
-        if (last) {
-            return true;
-        }
-    }
-    return true;
-}
-
 TEST_F(Fault, CardRemovedBetweenCataloguePagesStillDeliversTheBuiltCatalogue) {
     for (int i = 0; i < 300; ++i) {
         add("IMG_" + std::to_string(1000 + i) + ".JPG", "x");
@@ -133,13 +124,14 @@ TEST_F(Fault, CardRemovedBetweenCataloguePagesStillDeliversTheBuiltCatalogue) {
     ASSERT_EQ(c.request_catalogue(1, 0, 1), app::CLIENT_OK);
     std::string text;
     bool last = false;
-    ASSERT_TRUE(read_catalogue_burst(c, p.blocks, text, last));
+    Fetched f;
+    ASSERT_TRUE(testsupport::read_document_burst(c, 0, p, text, last, f)) << f.why;
     ASSERT_FALSE(last);
 
     testsupport::remove_tree(root);
     for (int pages = 0; !last && pages < 1000; ++pages) {
         ASSERT_EQ(c.request_catalogue(1, static_cast<uint32_t>(text.size()), 0), app::CLIENT_OK);
-        ASSERT_TRUE(read_catalogue_burst(c, p.blocks, text, last));
+        ASSERT_TRUE(testsupport::read_document_burst(c, 0, p, text, last, f)) << f.why;
     }
     EXPECT_EQ(testsupport::catalogue_entries(text), 300);
 
@@ -182,10 +174,7 @@ TEST_F(Fault, CardRemovedMidDownloadStillDeliversTheOpenFile) {
     app::Client c;
     connect(c);
     SessionParams p = params(4096, 16);
-    ASSERT_EQ(testsupport::configure_session(c, p), static_cast<int>(ACK_DONE));
-    Fetched f;
-    uint32_t size = 0;
-    ASSERT_TRUE(testsupport::request_size(c, "100MEDIA-VID_0001.MP4", p, f, size));
+    uint32_t size = open_download(c, "100MEDIA-VID_0001.MP4", p);
     ASSERT_EQ(size, bytes.size());
 
     // The open descriptor keeps the file's pages, so later regions still map them.
@@ -197,7 +186,7 @@ TEST_F(Fault, CardRemovedMidDownloadStillDeliversTheOpenFile) {
         size_t until = got.size() + std::min(burst, size - got.size());
         while (got.size() < until) {
             app::Reply r;
-            ASSERT_EQ(testsupport::read_reply_of(c, 3, r, TIMEOUT_MS), app::CLIENT_OK);
+            ASSERT_EQ(c.read_reply_of(3, r, TIMEOUT_MS), app::CLIENT_OK);
             ASSERT_EQ(r.reqType, 0u) << "ack 0x" << std::hex << r.ackCode;
             got.append(r.payload.begin(), r.payload.end());
         }
@@ -213,16 +202,13 @@ TEST_F(Fault, FileShrunkUnderTheRegionIsRefusedNotRead) {
     app::Client c;
     connect(c);
     SessionParams p = params(65535, 32);
-    ASSERT_EQ(testsupport::configure_session(c, p), static_cast<int>(ACK_DONE));
-    Fetched f;
-    uint32_t size = 0;
-    ASSERT_TRUE(testsupport::request_size(c, "100MEDIA-VID_0002.MP4", p, f, size));
+    ASSERT_EQ(open_download(c, "100MEDIA-VID_0002.MP4", p), bytes.size());
     ASSERT_EQ(truncate(path.c_str(), 1000), 0);
 
     // The region mapped at the download request now reaches past the file's end.
     ASSERT_EQ(c.ctrl(3, 0), app::CLIENT_OK);
     app::Reply r;
-    ASSERT_EQ(testsupport::read_reply_of(c, 3, r, TIMEOUT_MS), app::CLIENT_OK);
+    ASSERT_EQ(c.read_reply_of(3, r, TIMEOUT_MS), app::CLIENT_OK);
     EXPECT_EQ(r.reqType, 1u);
     EXPECT_EQ(r.ackCode, ACK_FAILED);
     clean_app_is_served();
@@ -237,13 +223,10 @@ TEST_F(Fault, FileShrunkDuringABurstEndsTheBurstAndTheServerGoesOn) {
     app::Client c;
     connect_narrow(c, 256 << 10);
     SessionParams p = params(65535, 320);
-    ASSERT_EQ(testsupport::configure_session(c, p), static_cast<int>(ACK_DONE));
-    Fetched f;
-    uint32_t size = 0;
-    ASSERT_TRUE(testsupport::request_size(c, "100MEDIA-VID_0003.MP4", p, f, size));
+    ASSERT_EQ(open_download(c, "100MEDIA-VID_0003.MP4", p), bytes.size());
     ASSERT_EQ(c.ctrl(3, 0), app::CLIENT_OK);
     app::Reply r;
-    ASSERT_EQ(testsupport::read_reply_of(c, 3, r, TIMEOUT_MS), app::CLIENT_OK);
+    ASSERT_EQ(c.read_reply_of(3, r, TIMEOUT_MS), app::CLIENT_OK);
     ASSERT_EQ(r.reqType, 0u);
     usleep(300000);  // the server fills the window and waits
     ASSERT_EQ(truncate(path.c_str(), 0), 0);
@@ -254,7 +237,7 @@ TEST_F(Fault, FileShrunkDuringABurstEndsTheBurstAndTheServerGoesOn) {
     uint64_t received = r.payload.size();
     const char* ending = "0xFB06";
     for (;;) {
-        int rr = testsupport::read_reply_of(c, 3, r, TIMEOUT_MS);
+        int rr = c.read_reply_of(3, r, TIMEOUT_MS);
         if (rr == app::CLIENT_CLOSED) {
             ending = "a torn packet, the connection closed";
             break;
@@ -304,7 +287,7 @@ TEST_F(Fault, FullCardDuringADeleteUnlinksDirectly) {
     uint32_t codes[2] = {};
     for (uint32_t& code : codes) {
         app::Reply r;
-        ASSERT_EQ(testsupport::read_reply_of(c, 1, r, TIMEOUT_MS), app::CLIENT_OK);
+        ASSERT_EQ(c.read_reply_of(1, r, TIMEOUT_MS), app::CLIENT_OK);
         code = r.ackCode;
     }
     EXPECT_EQ(codes[0], ACK_DONE);
@@ -333,10 +316,7 @@ TEST_F(Fault, AppThatNeverReadsIsDroppedAndOthersAreServed) {
     app::Client stalled;
     connect_narrow(stalled, 256 << 10);
     SessionParams big = params(65535, 256);
-    ASSERT_EQ(testsupport::configure_session(stalled, big), static_cast<int>(ACK_DONE));
-    Fetched f;
-    uint32_t size = 0;
-    ASSERT_TRUE(testsupport::request_size(stalled, "100MEDIA-VID_0004.MP4", big, f, size));
+    ASSERT_EQ(open_download(stalled, "100MEDIA-VID_0004.MP4", big), bytes.size());
     ASSERT_EQ(stalled.ctrl(3, 0), app::CLIENT_OK);
     Clock::time_point stalledAt = Clock::now();
 

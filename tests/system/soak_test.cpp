@@ -314,8 +314,8 @@ void SoakApp::remove_some() {
                        "\",\"" + card.deletableNames[rng() % card.deletableNames.size()] + "\"]}";
     app::Reply r;
     bool ok = c.request_delete(json) == app::CLIENT_OK &&
-              testsupport::read_reply_of(c, 1, r, REPLY_TIMEOUT_MS) == app::CLIENT_OK &&
-              r.reqType == 1 && r.ackCode == ACK_DONE;
+              c.read_reply_of(1, r, REPLY_TIMEOUT_MS) == app::CLIENT_OK && r.reqType == 1 &&
+              r.ackCode == ACK_DONE;
     if (!ok) {
         fail("delete request not accepted");
     } else {
@@ -364,8 +364,8 @@ void SoakApp::send_garbage() {
         case 0: {  // a checksum that does not match is answered and the connection stays
             pkt.back() ^= 0x5A;
             c.send_raw(pkt.data(), pkt.size());
-            if (testsupport::read_reply_of(c, 5, r, REPLY_TIMEOUT_MS) != app::CLIENT_OK ||
-                r.reqType != 1 || r.ackCode != ACK_BAD_CHECKSUM) {
+            if (c.read_reply_of(5, r, REPLY_TIMEOUT_MS) != app::CLIENT_OK || r.reqType != 1 ||
+                r.ackCode != ACK_BAD_CHECKSUM) {
                 fail("bad checksum not answered with 0xFB03");
                 reconnect();
             }
