@@ -1,6 +1,7 @@
 // The jump target is per thread: every worker streams its own app's mapping.
 #include "core/mapping_guard.h"
 
+#include <pthread.h>
 #include <setjmp.h>
 #include <signal.h>
 
@@ -33,9 +34,10 @@ void install_mapping_guard() {
     std::call_once(once, [] {
         struct sigaction sa {};
         sa.sa_sigaction = on_sigbus;
-        // SA_NODEFER: the handler leaves by siglongjmp without restoring the signal mask
-        // (a sigprocmask call per packet would cost more than the guard), so SIGBUS must
-        // not be blocked while it runs.
+        // SA_NODEFER: the handler leaves by siglongjmp, which does not restore the signal
+        // mask (saving it would cost a system call per packet); SIGBUS should not be
+        // blocked while the handler runs. Some runtimes block it anyway, so the fault path
+        // unblocks it too.
         sa.sa_flags = SA_SIGINFO | SA_NODEFER;
         sigemptyset(&sa.sa_mask);
         sigaction(SIGBUS, &sa, &previousAction);
@@ -46,6 +48,10 @@ bool crc32_guarded(uint32_t seed, const void* data, uint32_t len, uint32_t& crc)
     sigjmp_buf jump;
     if (sigsetjmp(jump, 0) != 0) {
         guardedRead = nullptr;
+        sigset_t bus;
+        sigemptyset(&bus);
+        sigaddset(&bus, SIGBUS);
+        pthread_sigmask(SIG_UNBLOCK, &bus, nullptr);
         return false;
     }
     guardedRead = &jump;
