@@ -11,31 +11,9 @@
 #include <vector>
 
 #include "media/exif.h"
+#include "scratch_file.h"
 
 namespace {
-
-// One scratch name per process; the file is removed after every input, since libFuzzer may
-// end the process without running destructors.
-struct Scratch {
-    std::string path;
-    Scratch() {
-        const char* dir = getenv("TMPDIR");
-        path = std::string(dir && *dir ? dir : "/tmp") + "/fuzz_exif_XXXXXX";
-        int fd = mkstemp(&path[0]);
-        if (fd < 0) {
-            abort();
-        }
-        close(fd);
-    }
-};
-
-void write_input(const std::string& path, const uint8_t* data, size_t size) {
-    FILE* f = fopen(path.c_str(), "wb");
-    if (f == nullptr || (size > 0 && fwrite(data, 1, size, f) != size)) {
-        abort();
-    }
-    fclose(f);
-}
 
 // Six record fields in exactly-sized heap blocks, so a write past a field is caught.
 struct Fields {
@@ -63,8 +41,9 @@ void read_thumbnail(const std::string& path, uint32_t capacity) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static Scratch scratch;
-    write_input(scratch.path, data, size);
+    // The file is removed after every input: libFuzzer may end without destructors.
+    static ScratchFile scratch("fuzz_exif");
+    scratch.write(data, size);
 
     Fields a;
     korvel::exif_read_photo_info(a.f[0].data(), a.f[1].data(), a.f[2].data(), a.f[3].data(),

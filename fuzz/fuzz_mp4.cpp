@@ -12,31 +12,9 @@
 
 #include "media/mp4.h"
 #include "media/mp4_reader.h"
+#include "scratch_file.h"
 
 namespace {
-
-// One scratch name per process; the file is removed after every input, since libFuzzer may
-// end the process without running destructors.
-struct Scratch {
-    std::string path;
-    Scratch() {
-        const char* dir = getenv("TMPDIR");
-        path = std::string(dir && *dir ? dir : "/tmp") + "/fuzz_mp4_XXXXXX";
-        int fd = mkstemp(&path[0]);
-        if (fd < 0) {
-            abort();
-        }
-        close(fd);
-    }
-};
-
-void write_input(const std::string& path, const uint8_t* data, size_t size) {
-    FILE* f = fopen(path.c_str(), "wb");
-    if (f == nullptr || (size > 0 && fwrite(data, 1, size, f) != size)) {
-        abort();
-    }
-    fclose(f);
-}
 
 void query_track(const korvel::Mp4File* f, uint32_t id) {
     char original[8] = {0};
@@ -60,8 +38,9 @@ void query_track(const korvel::Mp4File* f, uint32_t id) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static Scratch scratch;
-    write_input(scratch.path, data, size);
+    // The file is removed after every input: libFuzzer may end without destructors.
+    static ScratchFile scratch("fuzz_mp4");
+    scratch.write(data, size);
 
     char fields[6][16];
     memset(fields, 0x7F, sizeof fields);

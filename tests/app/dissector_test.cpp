@@ -11,6 +11,7 @@
 
 #include "app_support.h"
 #include "core/packet.h"
+#include "support/shell.h"
 
 namespace korvel {
 namespace apptest {
@@ -75,20 +76,7 @@ std::string make_pcap(const std::vector<Segment>& segs, uint16_t serverPort) {
     return f;
 }
 
-std::string run_command(const std::string& cmd) {
-    std::string out;
-    FILE* p = popen(cmd.c_str(), "r");
-    if (p == nullptr) {
-        return out;
-    }
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) {
-        out.append(buf, n);
-    }
-    pclose(p);
-    return out;
-}
+using testsupport::run_command;
 
 // One column of tshark's field output, every packet of every frame in order.
 std::vector<std::string> column(const std::string& text, size_t index) {

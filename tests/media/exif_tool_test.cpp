@@ -7,41 +7,21 @@
 #include <vector>
 
 #include "media/exif.h"
+#include "support/shell.h"
 #include "support/temp_dir.h"
 
 namespace korvel {
 namespace {
 
+using testsupport::on_path;
 using testsupport::read_file;
+using testsupport::run_command;
 using testsupport::TempDir;
-
-// Runs a shell command and returns its standard output; *status gets the exit status.
-std::string run(const std::string& cmd, int* status) {
-    std::string out;
-    FILE* p = popen(cmd.c_str(), "r");
-    if (p == nullptr) {
-        *status = -1;
-        return out;
-    }
-    char chunk[512];
-    size_t n;
-    while ((n = fread(chunk, 1, sizeof chunk, p)) > 0) {
-        out.append(chunk, n);
-    }
-    *status = pclose(p);
-    return out;
-}
-
-bool on_path(const char* tool) {
-    int status = 0;
-    run(std::string("command -v ") + tool + " >/dev/null 2>&1", &status);
-    return status == 0;
-}
 
 // The values exiftool prints for `tags` (one per line, numbers as numbers).
 std::vector<std::string> exiftool_values(const std::string& path, const std::string& tags) {
     int status = 0;
-    std::string text = run("exiftool -n -s -s -s " + tags + " '" + path + "'", &status);
+    std::string text = run_command("exiftool -n -s -s -s " + tags + " '" + path + "'", &status);
     std::vector<std::string> lines;
     size_t start = 0;
     for (size_t nl; (nl = text.find('\n', start)) != std::string::npos; start = nl + 1) {
@@ -61,15 +41,15 @@ protected:
         }
         std::string thumb = tmp.file("thumb.jpg");
         int status = 0;
-        run("ffmpeg -v error -y -f lavfi -i testsrc=s=320x240 -frames:v 1 '" + photo +
-                "' && ffmpeg -v error -y -f lavfi -i color=c=blue:s=160x120 -frames:v 1 '" + thumb +
-                "'",
-            &status);
+        run_command("ffmpeg -v error -y -f lavfi -i testsrc=s=320x240 -frames:v 1 '" + photo +
+                        "' && ffmpeg -v error -y -f lavfi -i color=c=blue:s=160x120 -frames:v 1 '" +
+                        thumb + "'",
+                    &status);
         ASSERT_EQ(status, 0) << "ffmpeg could not make the test images";
     }
     void exiftool(const std::string& args) {
         int status = 0;
-        run("exiftool -q -overwrite_original " + args + " '" + photo + "'", &status);
+        run_command("exiftool -q -overwrite_original " + args + " '" + photo + "'", &status);
         ASSERT_EQ(status, 0) << args;
     }
     std::vector<std::string> ours() {
@@ -97,7 +77,7 @@ TEST_F(ExifTool, CameraLayoutGivesTheSameSixFactsAndThumbnail) {
     ASSERT_EQ(exif_read_thumbnail(photo.c_str(), buf.data(), uint32_t(buf.size()), &size), 0);
     std::string extracted = tmp.file("extracted.jpg");
     int status = 0;
-    run("exiftool -b -ThumbnailImage '" + photo + "' > '" + extracted + "'", &status);
+    run_command("exiftool -b -ThumbnailImage '" + photo + "' > '" + extracted + "'", &status);
     EXPECT_EQ(std::string(buf.begin(), buf.begin() + size), read_file(extracted));
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "media/mp4.h"
+#include "support/shell.h"
 #include "support/temp_dir.h"
 
 namespace korvel {
@@ -15,43 +16,23 @@ namespace {
 
 using testsupport::TempDir;
 
-// Runs a shell command; its standard output, and the exit status in *status.
-std::string run(const std::string& cmd, int* status) {
-    std::string out;
-    FILE* p = popen(cmd.c_str(), "r");
-    if (p == nullptr) {
-        *status = -1;
-        return out;
-    }
-    char buf[512];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, p)) > 0) {
-        out.append(buf, n);
-    }
-    *status = pclose(p);
-    return out;
-}
-
-bool on_path(const char* tool) {
-    int status = 0;
-    run(std::string("command -v ") + tool + " >/dev/null 2>&1", &status);
-    return status == 0;
-}
+using testsupport::on_path;
+using testsupport::run_command;
 
 bool has_encoder(const std::string& encoder) {
     int status = 0;
-    std::string list = run("ffmpeg -hide_banner -encoders 2>/dev/null", &status);
+    std::string list = run_command("ffmpeg -hide_banner -encoders 2>/dev/null", &status);
     return list.find(" " + encoder + " ") != std::string::npos;
 }
 
 // "key=value" lines of ffprobe's first video stream.
 std::map<std::string, std::string> probe(const std::string& path) {
     int status = 0;
-    std::string text =
-        run("ffprobe -v error -select_streams v:0 -show_entries "
-            "stream=width,height,duration,r_frame_rate -of default=nw=1 '" +
-                path + "'",
-            &status);
+    std::string text = run_command(
+        "ffprobe -v error -select_streams v:0 -show_entries "
+        "stream=width,height,duration,r_frame_rate -of default=nw=1 '" +
+            path + "'",
+        &status);
     std::map<std::string, std::string> fields;
     std::istringstream in(text);
     std::string line;
@@ -85,7 +66,8 @@ TEST_P(Mp4Clips, FactsMatchFfprobe) {
     // 25 fps, 2 s, odd size so width and height cannot be swapped unnoticed, plus an audio
     // track that must not disturb the video facts.
     int status = 0;
-    run("ffmpeg -v error -f lavfi -i testsrc=size=352x208:rate=25:duration=2 -f lavfi -i "
+    run_command(
+        "ffmpeg -v error -f lavfi -i testsrc=size=352x208:rate=25:duration=2 -f lavfi -i "
         "sine=duration=2 -c:v " +
             std::string(c.encoder) + " -pix_fmt yuv420p -c:a aac -shortest '" + path +
             "' </dev/null 2>&1",
