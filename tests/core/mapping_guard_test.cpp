@@ -48,15 +48,6 @@ TEST(MappingGuard, LostPagesFailTheReadEveryTimeAndKeptPagesStillCount) {
     EXPECT_EQ(crc, crc32_calc(7, m.base + 100, 1000));
 }
 
-TEST(MappingGuard, PacketOverLostPagesIsNotBuilt) {
-    install_mapping_guard();
-    ShrunkMapping m;
-    CPacket p;
-    uint8_t trailer[4];
-    EXPECT_TRUE(p.packDataHeader(1, 3, 1, 0, m.base, 4096, trailer));
-    EXPECT_FALSE(p.packDataHeader(1, 3, 1, 4096, m.base + 4096, 4096, trailer));
-}
-
 TEST(MappingGuardDeathTest, UnguardedReadOfLostPagesStillFaults) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     // Killed by SIGBUS, or reported and ended by a sanitizer's handler: never survived.

@@ -34,6 +34,9 @@ Fetched refused(uint32_t code) {
     Fetched f;
     f.outcome = Outcome::Refused;
     f.code = code;
+    char buf[32];
+    snprintf(buf, sizeof buf, "refused 0x%X", code);
+    f.why = buf;
     return f;
 }
 
@@ -288,6 +291,36 @@ bool end_session(app::Client& c, bool quit, int timeoutMs) {
            r.ackCode == ACK_DONE;
 }
 
+std::string clean_session(uint16_t port, uint32_t peer, int minEntries, const std::string& name,
+                          const std::string& bytes) {
+    app::Client c;
+    c.peerID = peer;
+    SessionParams p;
+    p.packsize = 8192;
+    p.blocks = 16;
+    p.timeoutMs = 3000;
+    if (c.connect_to("127.0.0.1", port, p.timeoutMs) != app::CLIENT_OK ||
+        configure_session(c, p) != static_cast<int>(ACK_DONE)) {
+        return "no session";
+    }
+    Fetched cat = fetch_catalogue(c, 1, p);
+    if (cat.outcome != Outcome::Done || catalogue_entries(cat.bytes) < minEntries) {
+        return "catalogue: " + (cat.why.empty() ? "too few entries" : cat.why);
+    }
+    if (!name.empty()) {
+        std::mt19937 rng(1);
+        if (!end_session(c, true, p.timeoutMs) ||
+            configure_session(c, p) != static_cast<int>(ACK_DONE)) {
+            return "no second session";
+        }
+        Fetched f = download(c, name, p, rng, false);
+        if (f.outcome != Outcome::Done || f.bytes != bytes) {
+            return "download of " + name + ": " + (f.why.empty() ? "other bytes" : f.why);
+        }
+    }
+    return end_session(c, true, p.timeoutMs) ? "" : "no quit";
+}
+
 int open_fd_count() {
     DIR* d = opendir("/proc/self/fd");
     if (d == nullptr) {
@@ -301,22 +334,6 @@ int open_fd_count() {
     }
     closedir(d);
     return n - 1;  // the directory stream's own descriptor
-}
-
-long resident_kib() {
-    FILE* f = fopen("/proc/self/status", "re");
-    if (f == nullptr) {
-        return -1;
-    }
-    char line[256];
-    long kib = -1;
-    while (fgets(line, sizeof line, f) != nullptr) {
-        if (sscanf(line, "VmRSS: %ld", &kib) == 1) {
-            break;
-        }
-    }
-    fclose(f);
-    return kib;
 }
 
 long heap_in_use_kib() {

@@ -24,7 +24,7 @@ struct Fetched {
     Outcome outcome = Outcome::Broken;
     uint32_t code = 0;  // ackCode of a refusal
     std::string bytes;
-    std::string why;
+    std::string why;  // what went wrong, for messages
 };
 
 // How one session asks for data.
@@ -68,9 +68,14 @@ Fetched fetch_metadata(app::Client& c, const std::string& name, const SessionPar
 // Ends the session: a quit (answered) or a last-package notice (not answered).
 bool end_session(app::Client& c, bool quit, int timeoutMs);
 
+// A well-behaved app after a storm or a fault: a catalogue of at least `minEntries` and,
+// when `name` is given, a download equal to `bytes`. Empty when all went well, else what
+// went wrong.
+std::string clean_session(uint16_t port, uint32_t peer, int minEntries,
+                          const std::string& name = "", const std::string& bytes = "");
+
 // Process figures from /proc/self.
 int open_fd_count();
-long resident_kib();  // VmRSS
 // Heap bytes in use across every malloc arena (KiB), after giving free pages back. Unlike
 // VmRSS it does not move with what the allocator keeps cached for the test's own threads.
 long heap_in_use_kib();
