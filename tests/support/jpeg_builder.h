@@ -1,7 +1,6 @@
-// Tiny JPEG/EXIF writer for tests: a plan of the directories becomes the bytes of a JPEG
-// whose APP1 block lays them out the way the camera does (IFD0, the EXIF directory right
-// after it, IFD1, long values, thumbnail). Tests that need a broken file patch the bytes;
-// the offset helpers say where things are.
+// Tiny JPEG/EXIF writer for tests: a plan of the directories becomes a JPEG whose APP1 block
+// is laid out the way the camera does it (IFD0, the EXIF directory right after it, IFD1, long
+// values, thumbnail). Tests that need a broken file patch the bytes at the offsets given.
 #pragma once
 
 #include <cstddef>
@@ -12,23 +11,17 @@
 namespace korvel {
 namespace testsupport {
 
-// Field types of a directory entry.
 enum ExifType : uint16_t {
     EXIF_BYTE = 1,
     EXIF_ASCII = 2,
     EXIF_SHORT = 3,
     EXIF_LONG = 4,
-    EXIF_RATIONAL = 5,
     EXIF_SBYTE = 6,
-    EXIF_UNDEFINED = 7,
     EXIF_SSHORT = 8,
     EXIF_SLONG = 9,
-    EXIF_SRATIONAL = 10,
-    EXIF_FLOAT = 11,
-    EXIF_DOUBLE = 12,
+    EXIF_DOUBLE = 12
 };
 
-// Tags the readers look at.
 enum ExifTag : uint16_t {
     TAG_MAKE = 0x010F,
     TAG_MODEL = 0x0110,
@@ -38,18 +31,17 @@ enum ExifTag : uint16_t {
     TAG_THUMB_LENGTH = 0x0202,
     TAG_EXIF_POINTER = 0x8769,
     TAG_PIXEL_X = 0xA002,
-    TAG_PIXEL_Y = 0xA003,
+    TAG_PIXEL_Y = 0xA003
 };
 
-// One directory entry. `numbers` are written with the size of `type` in the block's byte
-// order; `bytes` (ASCII, UNDEFINED) are written as they are. Values of up to 4 bytes sit in
-// the entry, longer ones in the data area after the directories. When `rawField` is set,
-// the 4-byte value field holds `field` whatever the value says (absurd offsets).
+// One directory entry: `bytes` as they are, or else `number` in the size of `type` and the
+// block's byte order. Up to 4 bytes sit in the entry, longer values in the data area. With
+// `rawField` the value field holds `field` whatever the value says (absurd offsets).
 struct ExifEntry {
     uint16_t tag = 0;
     uint16_t type = EXIF_BYTE;
     uint32_t count = 0;
-    std::vector<uint32_t> numbers;
+    uint32_t number = 0;
     std::string bytes;
     bool rawField = false;
     uint32_t field = 0;
@@ -59,29 +51,21 @@ ExifEntry exif_ascii(uint16_t tag, const std::string& text);  // count includes 
 ExifEntry exif_short(uint16_t tag, uint16_t value);
 ExifEntry exif_long(uint16_t tag, uint32_t value);
 ExifEntry exif_number(uint16_t tag, uint16_t type, uint32_t value);  // any one-value type
-ExifEntry exif_rational(uint16_t tag, uint32_t num, uint32_t den);
 ExifEntry exif_raw(uint16_t tag, uint16_t type, uint32_t count, uint32_t field);
 
 struct JpegPlan {
     bool bigEndian = false;  // MM instead of II
-    // Whole APP0 segment in bytes (marker, length and JFIF data); 0 leaves it out. The
-    // camera writes 18; anything else from 4 up is written with a matching length field.
-    size_t app0Bytes = 0;
+    size_t app0Bytes = 0;    // whole APP0 segment (at least 4); the camera writes 18; 0: none
     bool withApp1 = true;
     uint32_t ifd0Offset = 8;  // values past 8 leave zero padding before IFD0
     std::vector<ExifEntry> ifd0;
-    // The EXIF directory follows IFD0; IFD0 gets an ExifIFDPointer to it. Left out when
-    // `exif` is empty.
-    std::vector<ExifEntry> exif;
-    // IFD1, linked from IFD0; written when `thumbnail` or `ifd1` is non-empty. A thumbnail
-    // adds its offset and length entries in front of `ifd1`.
+    std::vector<ExifEntry> exif;  // after IFD0, which then points to it; none when empty
+    // IFD1 is written when either is non-empty; a thumbnail puts its two tags first.
     std::string thumbnail;
     std::vector<ExifEntry> ifd1;
-    // After APP1; empty means small_jpeg() without its SOI.
-    std::string body;
+    std::string body;  // after APP1; empty means small_jpeg() without its SOI
 };
 
-std::string exif_tiff(const JpegPlan& photo);  // the TIFF structure alone
 std::string exif_app1(const JpegPlan& photo);  // FF E1, length, "Exif\0\0", TIFF
 std::string jpeg_file(const JpegPlan& photo);  // SOI, APP0?, APP1?, body
 
@@ -89,12 +73,11 @@ std::string jpeg_file(const JpegPlan& photo);  // SOI, APP0?, APP1?, body
 size_t app1_pos(const JpegPlan& photo);
 size_t tiff_pos(const JpegPlan& photo);
 
-// A complete 8x8 grey baseline JPEG (about 130 bytes) that decoders accept; a handy
-// thumbnail and body.
+// A complete 8x8 grey baseline JPEG (about 130 bytes) that decoders accept.
 std::string small_jpeg();
 
-// A JPEG with the usual camera facts: Make, Model, ResolutionUnit 2, YCbCrPositioning 1,
-// PixelX/YDimension, and `thumbnail` in IFD1 when non-empty.
+// Make, Model, ResolutionUnit 2, YCbCrPositioning 1, PixelX/YDimension as LONGs, and
+// `thumbnail` in IFD1 when non-empty.
 JpegPlan camera_plan(const std::string& make, const std::string& model, uint32_t width,
                      uint32_t height, const std::string& thumbnail = "");
 
