@@ -1,10 +1,7 @@
-// Shared set-up for the catalogue tests: a card in a temporary directory, one event base
-// whose location points at it, a socketpair whose far end decodes replies, JSON helpers.
+// A card in a temporary directory and one event base pointed at it.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
 
 #include <cstdio>
 #include <memory>
@@ -14,7 +11,7 @@
 
 #include <cjson/cJSON.h>
 
-#include "app/client.h"
+#include "catalogue/catalogue.h"
 #include "client/event_base.h"
 #include "core/config.h"
 #include "support/media_tree.h"
@@ -33,7 +30,7 @@ inline std::string str(const cJSON* object, const char* key) {
     return cJSON_IsString(item) ? item->valuestring : "<absent>";
 }
 
-// "fileName" of every entry of a media array, in order.
+// "fileName" of every entry, in order.
 inline Names names(const cJSON* media) {
     Names n;
     const cJSON* e = nullptr;
@@ -57,28 +54,18 @@ class CatalogueTest : public ::testing::Test {
 protected:
     void SetUp() override {
         testing_seam::set_sd_root(tree.card().c_str());
-        int sv[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-        serverFd = sv[0];
-        app.adopt_fd(sv[1]);
         ev.reset(new CEventBase());
         use_location(tree.location(), 0, 0);
     }
-    void TearDown() override {
-        ev.reset();
-        close(serverFd);
-    }
-    // Sets the location as a configuration does, and the copy a running scan works from.
+    // As a configuration sets it, plus the copy a scan run directly works from.
     void use_location(const std::string& loc, uint8_t userDef, int32_t id) {
-        std::lock_guard<std::mutex> lock(ev->locationMutex);
-        snprintf(ev->resourceLocation, sizeof ev->resourceLocation, "%s", loc.c_str());
-        ev->userDefLocation = userDef;
-        ev->resourceLocationId = id;
-        ev->catalogueLocation = LocationSnapshot{};
-        snprintf(ev->catalogueLocation.resourceLocation, sizeof ev->resourceLocation, "%s",
-                 loc.c_str());
-        ev->catalogueLocation.userDefLocation = userDef;
-        ev->catalogueLocation.resourceLocationId = id;
+        {
+            std::lock_guard<std::mutex> lock(ev->locationMutex);
+            snprintf(ev->resourceLocation, sizeof ev->resourceLocation, "%s", loc.c_str());
+            ev->userDefLocation = userDef;
+            ev->resourceLocationId = id;
+        }
+        ev->catalogueLocation = ev->location_snapshot();
     }
     // Scan and walk as the catalogue task runs them; the entries land in `media`.
     int32_t scan(uint16_t type) {
@@ -86,24 +73,8 @@ protected:
         media.reset(cJSON_CreateArray());
         return ev->json_look_from_dir(media.get());
     }
-    // Every reply already written (the calls under test are synchronous).
-    std::vector<app::Reply> replies() {
-        std::vector<app::Reply> out;
-        struct pollfd p = {app.fd(), POLLIN, 0};
-        while (poll(&p, 1, 0) > 0) {
-            out.emplace_back();
-            if (app.read_reply(out.back(), 1000) != app::CLIENT_OK || !out.back().crcOk) {
-                ADD_FAILURE() << "bad reply";
-                break;
-            }
-        }
-        return out;
-    }
-
     testsupport::MediaTree tree;
     std::unique_ptr<CEventBase> ev;
-    int serverFd = -1;
-    app::Client app;
     Json media;
 };
 
