@@ -1,5 +1,5 @@
-// Shared pieces of the app tests: a card in a temporary directory served by an in-process
-// server, and running korvel-app's commands against it with their output captured.
+// Shared by the app tests: a card served by an in-process server, and korvel-app's commands
+// run against it with both output streams captured.
 #pragma once
 
 #include <stdio.h>
@@ -14,18 +14,15 @@
 #include "support/temp_dir.h"
 #include "support/test_server.h"
 
-namespace korvel {
-namespace apptest {
+namespace korvel::apptest {
 
 struct ToolRun {
     int rc = -1;
     std::string out, err;
 };
 
-// Runs korvel-app with args (without the program name) and captures both streams.
-inline ToolRun run_tool(const std::vector<std::string>& args) {
-    std::vector<std::string> words = {"korvel-app"};
-    words.insert(words.end(), args.begin(), args.end());
+inline ToolRun run_tool(std::vector<std::string> words) {
+    words.insert(words.begin(), "korvel-app");
     std::vector<char*> argv;
     for (std::string& w : words) {
         argv.push_back(&w[0]);
@@ -50,19 +47,17 @@ inline ToolRun run_tool(const std::vector<std::string>& args) {
 inline std::string pattern_bytes(size_t n, uint32_t seed) {
     std::string s(n, '\0');
     uint32_t x = seed * 2654435761u + 1;
-    for (size_t i = 0; i < n; ++i) {
+    for (char& c : s) {
         x = x * 1103515245u + 12345u;
-        s[i] = static_cast<char>(x >> 24);
+        c = static_cast<char>(x >> 24);
     }
     return s;
 }
 
-// A card (root/DCIM/100MEDIA) and a server on a free port serving it.
+// A card (SD0/DCIM/100MEDIA) and, once started, a server on a free port serving it.
 struct ServedCard {
     testsupport::TempDir tmp;
-    std::string card = tmp.file("SD0");
-    std::string media = card + "/DCIM/100MEDIA";
-    std::string outDir = tmp.file("out");
+    std::string card = tmp.file("SD0"), media = card + "/DCIM/100MEDIA", outDir = tmp.file("out");
     std::unique_ptr<testsupport::TestServer> server;
 
     ServedCard() {
@@ -72,17 +67,13 @@ struct ServedCard {
     void put(const std::string& name, const std::string& bytes) const {
         testsupport::write_file(media + "/" + name, bytes);
     }
-    // Without a capability file given, the fixed path is moved to one that does not exist.
-    void start(const std::string& capPath = "") {
-        server.reset(new testsupport::TestServer(
-            card, capPath.empty() ? tmp.file("absent-cap.xml") : capPath));
+    void start(const std::string& capPath) {
+        server.reset(new testsupport::TestServer(card, capPath));
     }
-    std::vector<std::string> with_port(std::vector<std::string> args) const {
+    ToolRun tool(std::vector<std::string> args) const {
         args.insert(args.begin(), {"--port", std::to_string(server->port())});
-        return args;
+        return run_tool(args);
     }
-    ToolRun tool(const std::vector<std::string>& args) const { return run_tool(with_port(args)); }
 };
 
-}  // namespace apptest
-}  // namespace korvel
+}  // namespace korvel::apptest

@@ -1,20 +1,14 @@
 // The Wireshark dissector over a real session: the client's tap records every packet of a
-// session with the in-process server, a tiny pcap writer lays them out as TCP segments
-// (one packet split across three segments, two replies sharing one), and tshark decodes
-// the file with tools/wireshark/korvel.lua.
+// session with the in-process server, text2pcap lays them out as TCP segments (one packet
+// split across three, two replies sharing one) and tshark decodes them with korvel.lua.
 #include <gtest/gtest.h>
-#include <stdio.h>
 
-#include <cstring>
-#include <fstream>
 #include <sstream>
 
 #include "app_support.h"
-#include "core/packet.h"
 #include "support/shell.h"
 
-namespace korvel {
-namespace apptest {
+namespace korvel::apptest {
 namespace {
 
 struct Segment {
@@ -22,170 +16,85 @@ struct Segment {
     std::vector<uint8_t> bytes;
 };
 
-void put16(std::string& s, uint16_t v) {
-    s.push_back(static_cast<char>(v >> 8));
-    s.push_back(static_cast<char>(v));
-}
-void put32(std::string& s, uint32_t v) {
-    put16(s, static_cast<uint16_t>(v >> 16));
-    put16(s, static_cast<uint16_t>(v));
-}
-void put32le(std::string& s, uint32_t v) {
-    for (int i = 0; i < 4; ++i) {
-        s.push_back(static_cast<char>(v >> (8 * i)));
-    }
-}
-
-// Ethernet + IPv4 + TCP around each segment; sequence numbers follow the bytes, so the
-// reader reassembles as it would a live capture. Checksums are left 0 (not verified).
-std::string make_pcap(const std::vector<Segment>& segs, uint16_t serverPort) {
-    const uint16_t appPort = 51000;
-    std::string f;
-    put32le(f, 0xa1b2c3d4);
-    f += std::string("\x02\x00\x04\x00", 4);
-    put32le(f, 0);
-    put32le(f, 0);
-    put32le(f, 262144);
-    put32le(f, 1);  // Ethernet
-    uint32_t seq[2] = {1000, 5000};
-    uint32_t usec = 0;
-    for (const Segment& s : segs) {
-        std::string p(12, '\0');
-        p += std::string("\x08\x00", 2);
-        put16(p, 0x4500);
-        put16(p, static_cast<uint16_t>(40 + s.bytes.size()));
-        put32(p, 0x00004000);
-        put32(p, 0x40060000);  // TTL 64, TCP, checksum 0
-        put32(p, 0x7f000001);
-        put32(p, 0x7f000001);
-        put16(p, s.fromApp ? appPort : serverPort);
-        put16(p, s.fromApp ? serverPort : appPort);
-        put32(p, seq[s.fromApp ? 0 : 1]);
-        put32(p, seq[s.fromApp ? 1 : 0]);
-        put32(p, 0x5018ffff);  // header length 5 words, PSH|ACK, window
-        put32(p, 0);
-        p.append(reinterpret_cast<const char*>(s.bytes.data()), s.bytes.size());
-        seq[s.fromApp ? 0 : 1] += static_cast<uint32_t>(s.bytes.size());
-        usec += 1000;
-        put32le(f, 1700000000);
-        put32le(f, usec);
-        put32le(f, static_cast<uint32_t>(p.size()));
-        put32le(f, static_cast<uint32_t>(p.size()));
-        f += p;
-    }
-    return f;
-}
-
-using testsupport::run_command;
-
-// One column of tshark's field output, every packet of every frame in order.
-std::vector<std::string> column(const std::string& text, size_t index) {
-    std::vector<std::string> out;
+// One tshark field over every decoded packet in order, ','-joined (as within a frame).
+std::string column(const std::string& text, size_t index) {
+    std::string out;
     std::istringstream lines(text);
-    std::string line;
-    while (std::getline(lines, line)) {
-        std::vector<std::string> cols;
-        std::istringstream cs(line);
-        std::string c;
-        while (std::getline(cs, c, '\t')) {
-            cols.push_back(c);
+    for (std::string line, col; std::getline(lines, line);) {
+        std::istringstream cols(line);
+        for (size_t i = 0; i <= index && std::getline(cols, col, '\t'); ++i) {
         }
-        if (index < cols.size() && !cols[index].empty()) {
-            std::istringstream vs(cols[index]);
-            while (std::getline(vs, c, ',')) {
-                out.push_back(c);
-            }
-        }
+        out += col.empty() || out.empty() ? col : "," + col;
     }
     return out;
 }
 
 TEST(Dissector, DecodesARealSessionWithChecksumsAndReassembly) {
-    ASSERT_FALSE(run_command("command -v tshark").empty())
-        << "tshark is not on PATH (scripts/deps.sh installs it)";
+    ASSERT_TRUE(testsupport::on_path("tshark") && testsupport::on_path("text2pcap"))
+        << "tshark/text2pcap missing (scripts/deps.sh installs them)";
     ServedCard card;
-    std::string file = pattern_bytes(10000, 3);
-    card.put("IMG_0001.JPG", file);
-    card.start();
-
+    card.put("IMG_0001.JPG", pattern_bytes(10000, 3));
+    card.start(card.tmp.file("no-cap"));
     std::vector<Segment> taps;
     app::Client c;
     c.set_tap([&](bool fromApp, const uint8_t* b, size_t n) {
         taps.push_back({fromApp, std::vector<uint8_t>(b, b + n)});
     });
     app::Reply r;
-    ASSERT_EQ(c.connect_to("127.0.0.1", card.server->port()), app::CLIENT_OK);
+    auto ok = [](int rc) { return rc == app::CLIENT_OK; };
+    auto sendBadCrc = [&] {
+        std::vector<uint8_t> b =
+            app::encode_packet(1, 1, 5, c.seqNO++, 0x1234, 0, 0, "\0\0\0\0", 4);
+        b.back() ^= 0xFF;
+        return c.send_raw(b.data(), b.size());
+    };
+    ASSERT_TRUE(ok(c.connect_to("127.0.0.1", card.server->port())));
     c.peerID = 0x1234;
-    ASSERT_EQ(c.configure(4096, 2), app::CLIENT_OK);
-    ASSERT_EQ(c.read_reply(r), app::CLIENT_OK);
-    ASSERT_EQ(c.request_download("100MEDIA-IMG_0001.JPG"), app::CLIENT_OK);
-    ASSERT_EQ(c.read_reply(r), app::CLIENT_OK);
-    ASSERT_EQ(c.ctrl(3, 0), app::CLIENT_OK);
-    ASSERT_EQ(c.read_reply(r), app::CLIENT_OK);
-    ASSERT_EQ(c.read_reply(r), app::CLIENT_OK);
-    std::vector<uint8_t> bad = app::encode_packet(1, 1, 5, c.seqNO++, 0x1234, 0, 0, "\0\0\0\0", 4);
-    bad.back() ^= 0xFF;
-    ASSERT_EQ(c.send_raw(bad.data(), bad.size()), app::CLIENT_OK);
-    ASSERT_EQ(c.read_reply(r), app::CLIENT_OK);
-    ASSERT_EQ(c.quit(), app::CLIENT_OK);
-    ASSERT_EQ(c.read_reply(r), app::CLIENT_OK);
+    ASSERT_TRUE(ok(c.configure(4096, 2)) && ok(c.read_reply(r)) &&
+                ok(c.request_download("100MEDIA-IMG_0001.JPG")) && ok(c.read_reply(r)) &&
+                ok(c.ctrl(3, 0)) && ok(c.read_reply(r)) && ok(c.read_reply(r)) &&
+                ok(sendBadCrc()) && ok(c.read_reply(r)) && ok(c.quit()) && ok(c.read_reply(r)));
     ASSERT_EQ(taps.size(), 11u);
 
-    // Segment the session: split the first streamed packet (index 5) in three, and let the
-    // checksum rejection (8) and the quit's acknowledgement (10) share one segment, after
-    // the quit request (9) on the other direction.
-    std::vector<Segment> segs;
-    for (size_t i = 0; i < taps.size(); ++i) {
-        const std::vector<uint8_t>& b = taps[i].bytes;
-        if (i == 5) {
-            segs.push_back({false, {b.begin(), b.begin() + 7}});
-            segs.push_back({false, {b.begin() + 7, b.begin() + 3000}});
-            segs.push_back({false, {b.begin() + 3000, b.end()}});
-        } else if (i == 10) {
-            Segment pair = taps[8];
-            pair.bytes.insert(pair.bytes.end(), b.begin(), b.end());
-            segs.push_back(pair);
-        } else if (i != 8) {
-            segs.push_back(taps[i]);
+    // Packet 5 (the first streamed one) goes in three segments; the checksum rejection (8)
+    // and the quit's acknowledgement (10) share one, after the quit request (9).
+    std::vector<Segment> segs(taps.begin(), taps.begin() + 5);
+    const std::vector<uint8_t>& p5 = taps[5].bytes;
+    for (auto [from, to] : {std::pair<size_t, size_t>{0, 7}, {7, 3000}, {3000, p5.size()}}) {
+        segs.push_back({false, {p5.begin() + from, p5.begin() + to}});
+    }
+    segs.insert(segs.end(), {taps[6], taps[7], taps[9], taps[8]});
+    segs.back().bytes.insert(segs.back().bytes.end(), taps[10].bytes.begin(), taps[10].bytes.end());
+    std::string dump;
+    for (const Segment& s : segs) {
+        dump += s.fromApp ? "I 000000" : "O 000000";
+        for (uint8_t b : s.bytes) {
+            char hex[4];
+            snprintf(hex, sizeof hex, " %02x", b);
+            dump += hex;
         }
+        dump += "\n";
     }
-    testsupport::TempDir tmp;
-    uint16_t port = card.server->port();
-    std::ofstream(tmp.file("s.pcap"), std::ios::binary) << make_pcap(segs, port);
-
-    std::string cmd = "tshark -r " + tmp.file("s.pcap") +
-                      " -X lua_script:" KORVEL_SOURCE_DIR
-                      "/tools/wireshark/korvel.lua -d tcp.port==" +
-                      std::to_string(port) +
-                      ",korvel -T fields -e korvel.msgname -e korvel.crc.ok -e korvel.seqno"
-                      " -e korvel.marker -e korvel.ackname -e korvel.size"
-                      " -e korvel.config.packsize -e korvel.config.blocks -e korvel.offset"
-                      " -e korvel.peerid 2>/dev/null";
-    std::string out = run_command(cmd);
-    std::vector<std::string> names = column(out, 0);
-    std::vector<std::string> want = {
-        "config",       "config ACK_DONE", "download", "download", "chunk",
-        "chunk",        "chunk",           "position", "quit",     "position ACK_BAD_CHECKSUM",
-        "quit ACK_DONE"};
-    EXPECT_EQ(names, want) << out;
-    std::vector<std::string> crc = column(out, 1);
-    ASSERT_EQ(crc.size(), 11u) << out;
-    for (size_t i = 0; i < crc.size(); ++i) {
-        EXPECT_EQ(crc[i], i == 7 ? "0" : "1") << "packet " << i;
-    }
-    EXPECT_EQ(column(out, 5), std::vector<std::string>{"10000"});
-    EXPECT_EQ(column(out, 6), std::vector<std::string>{"4096"});
-    EXPECT_EQ(column(out, 7), std::vector<std::string>{"2"});
-    EXPECT_EQ(column(out, 4),
-              (std::vector<std::string>{"ACK_DONE", "ACK_BAD_CHECKSUM", "ACK_DONE"}));
-    // The split packet came back whole: the two streamed packets at region offsets 0, 4096.
-    std::vector<std::string> offsets = column(out, 8);
-    ASSERT_GE(offsets.size(), 7u);
-    EXPECT_EQ(offsets[5], "0");
-    EXPECT_EQ(offsets[6], "4096");
-    EXPECT_EQ(column(out, 9)[0], "4660");  // the app's peerID, 0x1234
+    testsupport::write_file(card.tmp.file("s.txt"), dump);
+    std::string port = std::to_string(card.server->port());
+    std::string out = testsupport::run_command(
+        "text2pcap -q -D -T 51000," + port + " " + card.tmp.file("s.txt") + " " +
+        card.tmp.file("s.pcap") + " && tshark -r " + card.tmp.file("s.pcap") +
+        " -X lua_script:" KORVEL_SOURCE_DIR "/tools/wireshark/korvel.lua -d tcp.port==" + port +
+        ",korvel -T fields -e korvel.msgname -e korvel.crc.ok -e korvel.ackname -e korvel.size"
+        " -e korvel.config.packsize -e korvel.config.blocks -e korvel.offset -e korvel.peerid"
+        " 2>/dev/null");
+    EXPECT_EQ(column(out, 0),
+              "config,config ACK_DONE,download,download,chunk,chunk,chunk,position,quit,"
+              "position ACK_BAD_CHECKSUM,quit ACK_DONE")
+        << out;
+    EXPECT_EQ(column(out, 1), "1,1,1,1,1,1,1,0,1,1,1");
+    EXPECT_EQ(column(out, 2), "ACK_DONE,ACK_BAD_CHECKSUM,ACK_DONE");
+    EXPECT_EQ(column(out, 3) + "/" + column(out, 4) + "/" + column(out, 5), "10000/4096/2");
+    // The split packet came back whole: packets 5 and 6 stream region offsets 0 and 4096.
+    EXPECT_EQ(column(out, 6).substr(0, 17), "0,0,0,0,0,0,4096,");
+    EXPECT_EQ(column(out, 7).substr(0, 5), "4660,");  // the app's peerID, 0x1234
 }
 
 }  // namespace
-}  // namespace apptest
-}  // namespace korvel
+}  // namespace korvel::apptest
