@@ -1,34 +1,94 @@
-// korvel-app's commands end to end against the real server loop on a free port.
+// korvel-app's commands and the Wireshark dissector, end to end against the real server loop
+// on a free port with the card in a temporary directory.
+#include "app/tool.h"
+
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <stdio.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "app_support.h"
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "support/shell.h"
+#include "support/temp_dir.h"
+#include "support/test_server.h"
 
 namespace korvel::apptest {
 namespace {
 
 using testsupport::read_file;
 
+struct ToolRun {
+    int rc = -1;
+    std::string out, err;
+};
+
+ToolRun run_tool(std::vector<std::string> words) {
+    words.insert(words.begin(), "korvel-app");
+    std::vector<char*> argv;
+    for (std::string& w : words) {
+        argv.push_back(&w[0]);
+    }
+    argv.push_back(nullptr);
+    char *outBuf = nullptr, *errBuf = nullptr;
+    size_t outLen = 0, errLen = 0;
+    FILE* out = open_memstream(&outBuf, &outLen);
+    FILE* err = open_memstream(&errBuf, &errLen);
+    ToolRun r;
+    r.rc = app::tool_main(static_cast<int>(words.size()), argv.data(), out, err);
+    fclose(out);
+    fclose(err);
+    r.out.assign(outBuf, outLen);
+    r.err.assign(errBuf, errLen);
+    free(outBuf);
+    free(errBuf);
+    return r;
+}
+
+// Deterministic bytes that differ at every position a misplaced packet could land.
+std::string pattern_bytes(size_t n, uint32_t seed) {
+    std::string s(n, '\0');
+    uint32_t x = seed * 2654435761u + 1;
+    for (char& c : s) {
+        x = x * 1103515245u + 12345u;
+        c = static_cast<char>(x >> 24);
+    }
+    return s;
+}
+
 class Tool : public ::testing::Test {
 protected:
-    ServedCard card;
+    void SetUp() override { testsupport::make_dirs(media); }
+    void put(const std::string& name, const std::string& bytes) {
+        testsupport::write_file(media + "/" + name, bytes);
+    }
+    void start() { server.reset(new testsupport::TestServer(card, tmp.file("cap.xml"))); }
+    ToolRun tool(std::vector<std::string> args) {
+        args.insert(args.begin(), {"--port", std::to_string(server->port())});
+        return run_tool(args);
+    }
     bool has(const ToolRun& r, const std::string& text) { return r.out.find(text) != r.out.npos; }
+    testsupport::TempDir tmp;
+    std::string card = tmp.file("SD0"), media = card + "/DCIM/100MEDIA", outDir = tmp.path();
+    std::unique_ptr<testsupport::TestServer> server;
 };
 
 TEST_F(Tool, ListsTheCatalogueAcrossManySmallBursts) {
     for (int i = 0; i < 30; ++i) {
-        card.put("IMG_" + std::to_string(1000 + i) + ".JPG", "jpeg");
+        put("IMG_" + std::to_string(1000 + i) + ".JPG", "jpeg");
     }
-    card.put("VID_0100.MP4", "mp4");
-    card.put("VID_0100.2nd", "second");
-    card.start(card.tmp.file("no-cap"));
+    put("VID_0100.MP4", "mp4");
+    put("VID_0100.2nd", "second");
+    start();
     // 64-byte packets, 2 per burst: dozens of continuation requests, same JSON as one burst.
-    ToolRun paged = card.tool({"--packsize", "64", "--blocks", "2", "ls", "--json"});
+    ToolRun paged = tool({"--packsize", "64", "--blocks", "2", "ls", "--json"});
     EXPECT_EQ(paged.rc, 0) << paged.err;
-    EXPECT_EQ(paged.out, card.tool({"ls", "--json"}).out);
-    ToolRun table = card.tool({"--packsize", "100", "--blocks", "1", "ls"});
+    EXPECT_EQ(paged.out, tool({"ls", "--json"}).out);
+    ToolRun table = tool({"--packsize", "100", "--blocks", "1", "ls"});
     EXPECT_TRUE(has(table, "100MEDIA-VID_0100.MP4  MP4") && has(table, "100MEDIA-VID_0100.2nd") &&
                 has(table, "100MEDIA-IMG_1029.JPG") && has(table, "31 file(s)"))
         << table.out;
@@ -45,16 +105,16 @@ TEST_F(Tool, DownloadsAndResumesWhereverTheServerMapsItsRegion) {
                  {9000, 9000, "4096", "1"},    // already complete
                  {9000, 9010, "4096", "2"}};   // a longer local file starts over
     for (size_t i = 0; i < std::size(cases); ++i) {
-        card.put("F" + std::to_string(i) + ".MP4", pattern_bytes(cases[i].size, i));
+        put("F" + std::to_string(i) + ".MP4", pattern_bytes(cases[i].size, i));
     }
-    card.start(card.tmp.file("no-cap"));
+    start();
     for (size_t i = 0; i < std::size(cases); ++i) {
         SCOPED_TRACE(i);
         std::string name = "100MEDIA-F" + std::to_string(i) + ".MP4";
-        std::string want = pattern_bytes(cases[i].size, i), local = card.outDir + "/" + name;
+        std::string want = pattern_bytes(cases[i].size, i), local = outDir + "/" + name;
         testsupport::write_file(local, (want + "0123456789").substr(0, cases[i].have));
-        ToolRun r = card.tool({"get", name, "-o", card.outDir, "--packsize", cases[i].packsize,
-                               "--blocks", cases[i].blocks});
+        ToolRun r = tool({"get", name, "-o", outDir, "--packsize", cases[i].packsize, "--blocks",
+                          cases[i].blocks});
         ASSERT_EQ(r.rc, 0) << r.err;
         EXPECT_TRUE(read_file(local) == want);
         bool resumes = cases[i].have != 0 && cases[i].have <= cases[i].size;
@@ -65,21 +125,19 @@ TEST_F(Tool, DownloadsAndResumesWhereverTheServerMapsItsRegion) {
 
 TEST_F(Tool, EachOutcomeHasItsOwnExitCodeAndMessage) {
     std::string cap = "<camera_definition/>\n" + std::string(9000, 'x');
-    testsupport::write_file(card.tmp.file("cap.xml"), cap);
-    card.put("IMG_0001.JPG", "not really a jpeg");
-    card.put("EMPTY.MP4", "");
-    card.start(card.tmp.file("cap.xml"));
+    testsupport::write_file(tmp.file("cap.xml"), cap);
+    put("IMG_0001.JPG", "not really a jpeg");
+    put("EMPTY.MP4", "");
+    start();
     const struct {
         std::vector<std::string> args;
         int rc;
         const char* text;  // in the error stream, or the output when rc is 0
     } cases[] = {
-        {{"get", "100MEDIA-NOPE.JPG", "-o", card.outDir}, app::EXIT_NOT_FOUND, "not found"},
-        {{"get", "100MEDIA-EMPTY.MP4", "-o", card.outDir}, app::EXIT_FAILED, "failed"},
+        {{"get", "100MEDIA-NOPE.JPG", "-o", outDir}, app::EXIT_NOT_FOUND, "not found"},
+        {{"get", "100MEDIA-EMPTY.MP4", "-o", outDir}, app::EXIT_FAILED, "failed"},
         {{"meta", "100MEDIA-NOPE.JPG"}, app::EXIT_NOT_FOUND, "not found"},
-        {{"thumb", "100MEDIA-NOPE.MP4", "-o", card.outDir + "/t"},
-         app::EXIT_NOT_FOUND,
-         "not found"},
+        {{"thumb", "100MEDIA-NOPE.MP4", "-o", outDir + "/t"}, app::EXIT_NOT_FOUND, "not found"},
         {{"config", "--packsize", "65535", "--blocks", "3201"}, app::EXIT_TOO_LARGE, "too large"},
         {{"config", "--packsize", "65535", "--blocks", "3200"}, 0, ""},
         {{"meta", "100MEDIA-IMG_0001.JPG"}, 0, "\"filename\":\t\"100MEDIA-IMG_0001.JPG\""},
@@ -87,19 +145,19 @@ TEST_F(Tool, EachOutcomeHasItsOwnExitCodeAndMessage) {
          app::EXIT_BAD_NAME,
          "ack: done (0xFB00)\nack: bad name (0xFB09)\n"},
         {{"pos"}, 0, "position: 4096\n"},
-        {{"cap", "-o", card.outDir + "/c"}, 0, ""},
+        {{"cap", "-o", outDir + "/c"}, 0, ""},
         {{"get"}, app::EXIT_USAGE, "no file name"},
         {{"frobnicate"}, app::EXIT_USAGE, "unknown command"},
     };
     for (const auto& c : cases) {
-        ToolRun r = card.tool(c.args);
+        ToolRun r = tool(c.args);
         EXPECT_EQ(r.rc, c.rc) << c.args[0] << ": " << r.err;
         const std::string& text = c.rc == 0 || c.args[0] == "rm" ? r.out : r.err;
         EXPECT_NE(text.find(c.text), text.npos) << c.args[0] << ": " << text;
     }
-    EXPECT_FALSE(testsupport::exists(card.outDir + "/100MEDIA-NOPE.JPG"));
-    EXPECT_FALSE(testsupport::exists(card.media + "/IMG_0001.JPG"));
-    EXPECT_TRUE(read_file(card.outDir + "/c") == cap);
+    EXPECT_FALSE(testsupport::exists(outDir + "/100MEDIA-NOPE.JPG"));
+    EXPECT_FALSE(testsupport::exists(media + "/IMG_0001.JPG"));
+    EXPECT_TRUE(read_file(outDir + "/c") == cap);
 }
 
 TEST(ToolConnection, SilentAndRefusedServersExitDistinctly) {
@@ -119,6 +177,84 @@ TEST(ToolConnection, SilentAndRefusedServersExitDistinctly) {
     r = run_tool({"--port", port, "ls"});
     EXPECT_EQ(r.rc, app::EXIT_REFUSED) << r.err;
     EXPECT_NE(r.err.find("connection refused"), r.err.npos);
+}
+
+using Tap = std::pair<bool, std::vector<uint8_t>>;  // from the app?, the bytes
+
+// One tshark field over every decoded packet in order, ','-joined (as within a frame).
+std::string column(const std::string& text, size_t index) {
+    std::string out;
+    std::istringstream lines(text);
+    for (std::string line, col; std::getline(lines, line);) {
+        std::istringstream cols(line);
+        for (size_t i = 0; i <= index && std::getline(cols, col, '\t'); ++i) {
+        }
+        out += col.empty() || out.empty() ? col : "," + col;
+    }
+    return out;
+}
+
+TEST_F(Tool, DissectorDecodesARealSessionWithChecksumsAndReassembly) {
+    ASSERT_TRUE(testsupport::on_path("tshark") && testsupport::on_path("text2pcap"))
+        << "tshark/text2pcap missing (scripts/deps.sh installs them)";
+    put("IMG_0001.JPG", pattern_bytes(10000, 3));
+    start();
+    std::vector<Tap> taps;
+    app::Client c;
+    c.set_tap([&](bool fromApp, const uint8_t* b, size_t n) {
+        taps.emplace_back(fromApp, std::vector<uint8_t>(b, b + n));
+    });
+    app::Reply r;
+    auto ok = [](int rc) { return rc == app::CLIENT_OK; };
+    auto sendBadCrc = [&] {
+        std::vector<uint8_t> b =
+            app::encode_packet(1, 1, 5, c.seqNO++, 0x1234, 0, 0, "\0\0\0\0", 4);
+        b.back() ^= 0xFF;
+        return c.send_raw(b.data(), b.size());
+    };
+    ASSERT_TRUE(ok(c.connect_to("127.0.0.1", server->port())));
+    c.peerID = 0x1234;
+    ASSERT_TRUE(ok(c.configure(4096, 2)) && ok(c.read_reply(r)) &&
+                ok(c.request_download("100MEDIA-IMG_0001.JPG")) && ok(c.read_reply(r)) &&
+                ok(c.ctrl(3, 0)) && ok(c.read_reply(r)) && ok(c.read_reply(r)) &&
+                ok(sendBadCrc()) && ok(c.read_reply(r)) && ok(c.quit()) && ok(c.read_reply(r)));
+    ASSERT_EQ(taps.size(), 11u);
+
+    // Packet 5 (the first streamed one) goes in three segments; the checksum rejection (8)
+    // and the quit's acknowledgement (10) share one, after the quit request (9).
+    std::vector<Tap> segs(taps.begin(), taps.begin() + 5);
+    const std::vector<uint8_t>& p5 = taps[5].second;
+    for (auto [from, to] : {std::pair<size_t, size_t>{0, 7}, {7, 3000}, {3000, p5.size()}}) {
+        segs.push_back({false, {p5.begin() + from, p5.begin() + to}});
+    }
+    segs.insert(segs.end(), {taps[6], taps[7], taps[9], taps[8]});
+    segs.back().second.insert(segs.back().second.end(), taps[10].second.begin(),
+                              taps[10].second.end());
+    std::string dump;
+    for (const auto& [fromApp, bytes] : segs) {
+        dump += fromApp ? "I 000000" : "O 000000";
+        for (uint8_t b : bytes) {
+            dump += {' ', "0123456789abcdef"[b >> 4], "0123456789abcdef"[b & 15]};
+        }
+        dump += "\n";
+    }
+    testsupport::write_file(tmp.file("s.txt"), dump);
+    std::string port = std::to_string(server->port());
+    std::string out = testsupport::run_command(
+        "text2pcap -q -D -T 51000," + port + " " + tmp.file("s.txt") + " " + tmp.file("s.pcap") +
+        " && tshark -r " + tmp.file("s.pcap") +
+        " -X lua_script:" KORVEL_SOURCE_DIR "/tools/wireshark/korvel.lua -d tcp.port==" + port +
+        ",korvel -T fields -e korvel.msgname -e korvel.crc.ok -e korvel.size"
+        " -e korvel.config.packsize -e korvel.config.blocks -e korvel.offset"
+        " 2>/dev/null");
+    EXPECT_EQ(column(out, 0),
+              "config,config ACK_DONE,download,download,chunk,chunk,chunk,position,quit,"
+              "position ACK_BAD_CHECKSUM,quit ACK_DONE")
+        << out;
+    EXPECT_EQ(column(out, 1), "1,1,1,1,1,1,1,0,1,1,1");
+    EXPECT_EQ(column(out, 2) + "/" + column(out, 3) + "/" + column(out, 4), "10000/4096/2");
+    // The split packet came back whole: packets 5 and 6 stream region offsets 0 and 4096.
+    EXPECT_EQ(column(out, 5).substr(0, 17), "0,0,0,0,0,0,4096,");
 }
 
 }  // namespace
