@@ -1,28 +1,21 @@
-// Transfer configuration: the two words, the 200 MiB burst limit, payload lengths and the
-// location texts.
+// Transfer configuration (the two words, the 200 MiB limit, payload lengths, location texts),
+// name resolution in each location mode, and the check that keeps names on the card.
 #include <string>
-#include <vector>
 
+#include "transfer/paths.h"
 #include "transfer_fixture.h"
 
 namespace korvel {
 namespace transfertest {
 namespace {
 
-void put_be32(std::vector<uint8_t>& p, size_t at, uint32_t v) {
-    p[at] = static_cast<uint8_t>(v >> 24);
-    p[at + 1] = static_cast<uint8_t>(v >> 16);
-    p[at + 2] = static_cast<uint8_t>(v >> 8);
-    p[at + 3] = static_cast<uint8_t>(v);
-}
-
-// A payload of `len` bytes: text at 0, then whichever of the two words fit.
-std::vector<uint8_t> payload(const std::string& text, uint32_t config, uint32_t blocks,
-                             size_t len = 1032) {
-    std::vector<uint8_t> p(len < 1032 ? 1032 : len, 0);
-    memcpy(p.data(), text.data(), text.size());
-    put_be32(p, 1024, config);
-    put_be32(p, 1028, blocks);
+// An empty location text, then the two big-endian words, cut to `len` bytes.
+std::string words(uint32_t config, uint32_t blocks, size_t len = 1032) {
+    std::string p(1032, '\0');
+    for (int i = 0; i < 4; ++i) {
+        p[1024 + i] = static_cast<char>(config >> (24 - 8 * i));
+        p[1028 + i] = static_cast<char>(blocks >> (24 - 8 * i));
+    }
     p.resize(len);
     return p;
 }
@@ -31,83 +24,119 @@ using Config = TransferTest;
 
 TEST_F(Config, WordsDecodeIntoParametersAndTheBurstLimitIs200MiB) {
     struct Case {
-        uint32_t config, blocks;
-        uint8_t userDef;
-        uint32_t version, packsize, count;
-        uint32_t ack;
+        uint32_t config, blocks, userDef, version, packsize, count, code;
     } cases[] = {
         {0x80001000, 4, 1, 0, 4096, 4, ACK_DONE},
         {0x7FFF0200, 0xFFFF0008, 0, 32767, 512, 8, ACK_DONE},  // high block bits ignored
         {0x0000FFFF, 3200, 0, 0, 65535, 3200, ACK_DONE},       // 209,712,000 bytes
         {0x0000FFFF, 3201, 0, 0, 65535, 3201, ACK_TOO_LARGE},  // kept although refused
-        {0x00000000, 0, 0, 0, 0, 0, ACK_DONE},
+        {0, 0, 0, 0, 0, 0, ACK_DONE},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.blocks);
         eb.reset(new CEventBase);
-        EXPECT_EQ(configure_raw(payload("", c.config, c.blocks)), c.ack);
+        EXPECT_EQ(ack(request(17, words(c.config, c.blocks)), 17), c.code);
         EXPECT_EQ(eb->userDefConfig, c.userDef);
         EXPECT_EQ(eb->softwareVerConfig, c.version);
         EXPECT_EQ(eb->userDefPacksize, c.packsize);
         EXPECT_EQ(eb->userDefBlocks, c.count);
-        std::string where = c.ack == ACK_DONE ? card + "/DCIM" : "";
-        EXPECT_EQ(eb->resourceLocation, where);
-        EXPECT_EQ(eb->resourceLocationId, c.ack == ACK_DONE ? 0 : -1);
+        EXPECT_EQ(eb->resourceLocation, c.code == ACK_DONE ? location : "");
+        EXPECT_EQ(eb->resourceLocationId, c.code == ACK_DONE ? 0 : -1);
     }
 }
 
 TEST_F(Config, PayloadLengthDecidesWhichWordsCount) {
     ASSERT_EQ(configure(1024, 8), ACK_DONE);
-    // Without the words only the location changes.
-    EXPECT_EQ(configure_raw(payload("", 0x80000200, 3, 100)), ACK_DONE);
+    EXPECT_EQ(ack(request(17, words(0x80000200, 3, 100)), 17), ACK_DONE);  // no words
     EXPECT_EQ(eb->userDefPacksize, 1024u);
     EXPECT_EQ(eb->userDefBlocks, 8u);
-    // The configuration word alone resets the block count to 1.
-    EXPECT_EQ(configure_raw(payload("", 0x00000200, 3, 1030)), ACK_DONE);
+    EXPECT_EQ(ack(request(17, words(0x00000200, 3, 1030)), 17), ACK_DONE);  // one: 1 block
     EXPECT_EQ(eb->userDefPacksize, 512u);
     EXPECT_EQ(eb->userDefBlocks, 1u);
-    // 2047 bytes are read; 2048 get no reply and change nothing.
-    EXPECT_EQ(configure_raw(payload("", 0x00000800, 5, 2047)), ACK_DONE);
+    EXPECT_EQ(ack(request(17, words(0x00000800, 5, 2047)), 17), ACK_DONE);
     EXPECT_EQ(eb->userDefBlocks, 5u);
-    CPacket p;
-    std::vector<uint8_t> tooLong = payload("", 0x00000100, 9, 2048);
-    load(p, 17, tooLong.data(), 2048);
-    eb->process_data_file_config(sv[0], p);
-    EXPECT_TRUE(replies().empty());
+    EXPECT_TRUE(request(17, words(0x00000100, 9, 2048)).empty());  // ignored, no reply
     EXPECT_EQ(eb->userDefPacksize, 2048u);
     EXPECT_EQ(eb->userDefBlocks, 5u);
 }
 
 TEST_F(Config, LocationTextsAllLeadToTheCard) {
+    const std::string full = "/x/" + std::string(1021, 'q');  // 1024 bytes, no NUL
     struct Case {
-        std::string text;
-        std::string postfix;  // "prev" when the text leaves it alone
+        std::string text, postfix;  // "prev" when the text leaves the postfix alone
     } cases[] = {
         {card + "/", "card"}, {"/mnt/disk", "disk"}, {"/mnt/disk/", "disk"}, {"7", "prev"},
-        {"abc", "prev"},      {"", "prev"},          {" -0", "prev"},
+        {"abc", "prev"},      {"", "prev"},          {" -0", "prev"},        {full, full.substr(3)},
     };
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.text);
+        SCOPED_TRACE(c.text.substr(0, 20));
         eb.reset(new CEventBase);
         ASSERT_EQ(configure(4096, 1, "/x/prev", true), ACK_DONE);
-        EXPECT_EQ(configure(4096, 1, c.text, true), ACK_DONE);
-        EXPECT_EQ(eb->resourceLocation, card + "/DCIM");
+        EXPECT_EQ(configure(2048, 2, c.text, true), ACK_DONE);
+        EXPECT_EQ(eb->resourceLocation, location);
         EXPECT_EQ(eb->resourceLocationId, 0);
         EXPECT_EQ(eb->userDefLocation, 1);
+        EXPECT_EQ(eb->userDefPacksize, 2048u);  // a full text is never joined to the words
+        EXPECT_EQ(eb->userDefBlocks, 2u);
         EXPECT_STREQ(eb->locPostfix, c.postfix.c_str());
     }
     // Back to the default location: the flag goes, the postfix stays.
     EXPECT_EQ(configure(4096, 1, "/mnt/other", false), ACK_DONE);
     EXPECT_EQ(eb->userDefLocation, 0);
-    EXPECT_STREQ(eb->locPostfix, "prev");
+    EXPECT_STREQ(eb->locPostfix, full.substr(3).c_str());
 }
 
-TEST_F(Config, FullLengthTextNeverTakesInTheWords) {
-    std::string text = "/x/" + std::string(1021, 'q');  // 1024 bytes, no NUL
-    ASSERT_EQ(configure_raw(payload(text, 0x80001000, 2)), ACK_DONE);
-    EXPECT_EQ(std::string(eb->locPostfix), std::string(1021, 'q'));
-    EXPECT_EQ(eb->userDefPacksize, 4096u);
-    EXPECT_EQ(eb->userDefBlocks, 2u);
+using Names = TransferTest;
+
+enum Mode { DEFAULT, BY_POSTFIX, EMPTY_POSTFIX, UNCONFIGURED };
+
+TEST_F(Names, ResolveInEachLocationMode) {
+    struct Case {
+        Mode mode;
+        const char *name, *file, *dir;  // file null: refused
+    } cases[] = {
+        {DEFAULT, "100MEDIA-A-B.MP4", "A-B.MP4", "/100MEDIA"},
+        {DEFAULT, "0-100MEDIA-X.JPG", "100MEDIA-X.JPG", "/0"},  // no prefix expected
+        {BY_POSTFIX, "0-100MEDIA-IMG_0001.JPG", "IMG_0001.JPG", "/100MEDIA"},
+        {BY_POSTFIX, "card-100MEDIA-IMG_0001.JPG", "IMG_0001.JPG", "/100MEDIA"},
+        {BY_POSTFIX, "05-100MEDIA-X.JPG", "X.JPG", "/100MEDIA"},  // leading characters
+        {BY_POSTFIX, "1-100MEDIA-IMG_0001.JPG", nullptr, nullptr},
+        {BY_POSTFIX, "car-100MEDIA-X.JPG", nullptr, nullptr},
+        {BY_POSTFIX, "0100MEDIAX.JPG", nullptr, nullptr},
+        {EMPTY_POSTFIX, "zz-100MEDIA-X.JPG", "X.JPG", "/100MEDIA"},
+        {EMPTY_POSTFIX, "nodash", nullptr, nullptr},
+        {UNCONFIGURED, "100MEDIA-X.JPG", "X.JPG", "/100MEDIA"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        eb.reset(new CEventBase);
+        if (c.mode != UNCONFIGURED) {
+            std::string text = c.mode == BY_POSTFIX ? card + "/" : c.mode == DEFAULT ? "" : "7";
+            ASSERT_EQ(configure(4096, 1, text, c.mode != DEFAULT), ACK_DONE);
+        }
+        std::string file = "untouched", dir = "untouched";
+        EXPECT_EQ(eb->get_abs_file_dir(c.name, file, dir), c.file ? 0 : -1);
+        EXPECT_EQ(file, c.file ? c.file : "untouched");
+        std::string root = c.mode == UNCONFIGURED ? "" : location;
+        EXPECT_EQ(dir, c.file ? root + c.dir : "untouched");
+    }
+}
+
+TEST_F(Names, ConfinementAcceptsOnlyPlainFieldsUnderTheCard) {
+    const std::string media = location + "/100MEDIA";
+    EXPECT_TRUE(is_confined(location.c_str(), "A-B..JPG", media));
+    EXPECT_TRUE(is_confined(card.c_str(), "x", card + "/a"));
+    for (const char* file : {"..", ".", "a/b", ""}) {
+        EXPECT_FALSE(is_confined(location.c_str(), file, media)) << file;
+    }
+    for (std::string dir : {location + "/..", location + "/.", location + "/a/b", location,
+                            location + "/", tmp.file("DCIM/100MEDIA")}) {
+        EXPECT_FALSE(is_confined(location.c_str(), "x", dir)) << dir;
+    }
+    // Locations off the card: unconfigured, elsewhere, escaping, a sibling sharing the prefix.
+    for (std::string root : {std::string(), std::string("/etc"), card + "/../x", card + "x/DCIM"}) {
+        EXPECT_FALSE(is_confined(root.c_str(), "x", root + "/a")) << root;
+    }
 }
 
 }  // namespace

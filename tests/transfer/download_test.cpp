@@ -1,12 +1,16 @@
-// Download and capability requests: size replies, the EXIF thumbnail substitute, files
-// that cannot be served, names that try to leave the card, and descriptors over time.
-#include <dirent.h>
+// Download, capability and metadata requests: size replies, the EXIF thumbnail substitute,
+// files and names that are refused, the capability burst and descriptors, metadata documents.
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <memory>
 #include <string>
 
+#include <cjson/cJSON.h>
+
 #include "support/jpeg_builder.h"
+#include "support/mp4_builder.h"
+#include "support/soak_client.h"
 #include "transfer_fixture.h"
 
 namespace korvel {
@@ -15,18 +19,6 @@ namespace {
 
 using testsupport::camera_plan;
 using testsupport::jpeg_file;
-
-int open_descriptors() {
-    int n = 0;
-    DIR* d = opendir("/proc/self/fd");
-    while (d != nullptr && readdir(d) != nullptr) {
-        ++n;
-    }
-    if (d != nullptr) {
-        closedir(d);
-    }
-    return n;
-}
 
 class Download : public TransferTest {
 protected:
@@ -37,39 +29,35 @@ protected:
 };
 
 TEST_F(Download, SizeReplyIsLittleEndianAndTheFirstFileStays) {
-    std::string big = add("100MEDIA", "IMG_0001.JPG", "");
-    ASSERT_EQ(truncate(big.c_str(), 3000000), 0);
-    add("100MEDIA", "IMG_0002.JPG", pattern(10));
-    Replies r = download("100MEDIA-IMG_0001.JPG");
-    ASSERT_EQ(r.size(), 1u);
-    EXPECT_EQ(r[0].payload, (std::vector<uint8_t>{0xC0, 0xC6, 0x2D, 0x00}));
-    EXPECT_EQ(r[0].offset, 0u);
+    ASSERT_EQ(truncate(add("IMG_0001.JPG", "").c_str(), 3000000), 0);
+    add("IMG_0002.JPG", "0123456789");
+    EXPECT_EQ(size_reply(download("100MEDIA-IMG_0001.JPG")), 3000000u);
     EXPECT_EQ(size_reply(download("100MEDIA-IMG_0002.JPG")), 3000000u);
 }
 
 TEST_F(Download, MissingThmIsServedFromTheJpegThumbnail) {
     std::string thumb = pattern(9000, 3);
-    add("100MEDIA", "IMG_0001.JPG", jpeg_file(camera_plan("M", "N", 8, 8, thumb)));
-    add("100MEDIA", "low.jpg", jpeg_file(camera_plan("M", "N", 8, 8, thumb.substr(0, 500))));
-    add("100MEDIA", "a.JPG", jpeg_file(camera_plan("M", "N", 8, 8, thumb)));
-    add("100MEDIA", "bare.JPG", jpeg_file(camera_plan("M", "N", 8, 8)));
+    add("IMG_0001.JPG", jpeg_file(camera_plan("M", "N", 8, 8, thumb)));
+    add("low.jpg", jpeg_file(camera_plan("M", "N", 8, 8, thumb.substr(0, 500))));
+    add("a.JPG", jpeg_file(camera_plan("M", "N", 8, 8, thumb)));
+    add("bare.JPG", jpeg_file(camera_plan("M", "N", 8, 8)));
     EXPECT_EQ(size_reply(download("100MEDIA-IMG_0001.thm")), 9000u);
-    EXPECT_EQ(std::string(eb->thumbBuf, eb->thumbBuf + 9000), thumb);
     EXPECT_EQ(size_reply(download("100MEDIA-low.thm")), 500u);
-    const char* refused[] = {"100MEDIA-IMG_0001.THM", "100MEDIA-a.b.thm", "100MEDIA-bare.thm",
-                             "100MEDIA-none.thm", "100MEDIA-.thm"};
-    for (const char* name : refused) {
-        SCOPED_TRACE(name);
-        EXPECT_EQ(ack_code(download(name)), ACK_NOT_FOUND);
-        EXPECT_EQ(eb->thumbReady, 0);
+    for (const char* name : {"100MEDIA-IMG_0001.THM", "100MEDIA-a.b.thm", "100MEDIA-bare.thm",
+                             "100MEDIA-none.thm", "100MEDIA-.thm"}) {
+        EXPECT_EQ(ack(download(name), 2), ACK_NOT_FOUND) << name;
+        EXPECT_EQ(eb->thumbReady, 0) << name;
     }
 }
 
-TEST_F(Download, FilesThatCannotBeServedAreRefused) {
-    add("100MEDIA", "EMPTY.MP4", "");
+// Names that would reach files outside the media directories are refused by every request.
+TEST_F(Download, FilesAndNamesThatCannotBeServedAreRefused) {
+    write_file(card + "/secret.txt", "card root");
+    write_file(location + "/secret.txt", "location");
+    write_file(tmp.file("secret.txt"), "outside");
+    add("EMPTY.MP4", "");
     ASSERT_EQ(mkfifo((location + "/100MEDIA/PIPE.MP4").c_str(), 0600), 0);
-    write_file(tmp.file("outside.bin"), "secret");
-    ASSERT_EQ(symlink(tmp.file("outside.bin").c_str(), (location + "/100MEDIA/LINK.MP4").c_str()),
+    ASSERT_EQ(symlink(tmp.file("secret.txt").c_str(), (location + "/100MEDIA/LINK.MP4").c_str()),
               0);
     make_dirs(location + "/100MEDIA/SUB.MP4");
     struct Case {
@@ -77,101 +65,107 @@ TEST_F(Download, FilesThatCannotBeServedAreRefused) {
         uint32_t code;
     } cases[] = {
         {"100MEDIA-NONE.MP4", ACK_NOT_FOUND},
-        {"100MEDIA-" + std::string(1015, 'n'), ACK_NOT_FOUND},  // 1024 bytes
+        {"100MEDIA-" + std::string(1015, 'n'), ACK_NOT_FOUND},
         {"100MEDIA-EMPTY.MP4", ACK_FAILED},
         {"100MEDIA-PIPE.MP4", ACK_FAILED},
         {"100MEDIA-LINK.MP4", ACK_FAILED},
         {"100MEDIA-SUB.MP4", ACK_FAILED},
+        {"..-secret.txt", 0},
+        {"100MEDIA-..", 0},
+        {".-secret.txt", 0},
+        {"secret.txt", 0},
+        {"100MEDIA-../../secret.txt", 0},
+        {"../..-secret.txt", 0},
+        {"-secret.txt", 0},
+        {"1-100MEDIA-EMPTY.MP4", 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        EXPECT_EQ(ack_code(download(c.name)), c.code);
+        EXPECT_EQ(ack(download(c.name), 2), c.code ? c.code : ACK_NOT_FOUND);
+        if (c.code == 0) {
+            EXPECT_EQ(ack(metadata(c.name), 19), ACK_NOT_FOUND);
+        }
         EXPECT_EQ(eb->fileFd, -1);
         EXPECT_EQ(eb->fileOpened, 0);
     }
-}
-
-// Files a careless resolution would reach, all outside the media directories.
-TEST_F(Download, NamesThatLeaveTheMediaDirectoriesTouchNothing) {
-    write_file(card + "/secret.txt", "card root");
-    write_file(location + "/secret.txt", "location");
-    write_file(tmp.file("secret.txt"), "outside");
-    add("100MEDIA", "IMG.JPG", "x");
-    const char* names[] = {"..-secret.txt",
-                           "100MEDIA-..",
-                           "100MEDIA-.",
-                           ".-secret.txt",
-                           "secret.txt",
-                           "..-..-secret.txt",
-                           "100MEDIA-../../secret.txt",
-                           "../..-secret.txt",
-                           "-secret.txt"};
-    for (const char* name : names) {
-        SCOPED_TRACE(name);
-        EXPECT_EQ(ack_code(download(name)), ACK_NOT_FOUND);
-        EXPECT_EQ(ack_code(metadata(name)), ACK_NOT_FOUND);
-        EXPECT_EQ(eb->fileFd, -1);
-    }
-    // With a prefix field, and before any configuration (empty location).
+    EXPECT_EQ(ack(metadata("100MEDIA-" + std::string(1015, 'n')), 19), ACK_BAD_NAME);
     ASSERT_EQ(configure(4096, 4, card, true), ACK_DONE);
-    EXPECT_EQ(ack_code(download("0-..-secret.txt")), ACK_NOT_FOUND);
-    eb.reset(new CEventBase);
-    EXPECT_EQ(ack_code(download("etc-hostname")), ACK_NOT_FOUND);
-    EXPECT_EQ(ack_code(metadata("etc-hostname")), ACK_NOT_FOUND);
-    EXPECT_EQ(eb->fileFd, -1);
+    EXPECT_EQ(ack(download("0-..-secret.txt"), 2), ACK_NOT_FOUND);
+    eb.reset(new CEventBase);  // no location yet
+    EXPECT_EQ(ack(download("etc-hostname"), 2), ACK_NOT_FOUND);
+    EXPECT_EQ(ack(metadata("etc-hostname"), 19), ACK_NOT_FOUND);
 }
 
-class Capability : public Download {
-protected:
+TEST_F(Download, CapabilityIsOneBurstFromZeroAndHoldsOneDescriptor) {
+    EXPECT_EQ(ack((eb->process_cap_get(sv[0]), replies()), 18), ACK_NOT_FOUND);
+    write_file(capPath, "");
+    EXPECT_EQ(ack((eb->process_cap_get(sv[0]), replies()), 18), ACK_FAILED);
     std::string data = pattern(10000, 5);
-    Replies cap() {
-        eb->process_cap_get(sv[0]);
-        return replies();
-    }
-};
-
-TEST_F(Capability, OneBurstFromOffsetZero) {
     write_file(capPath, data);
-    struct Case {
-        uint16_t blocks;
-        std::vector<size_t> sizes;
-        std::vector<uint32_t> markers;
-    } cases[] = {{4, {4096, 4096, 1808}, {0, 0, 1}}, {2, {4096, 4096}, {0, 0}}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.blocks);
-        ASSERT_EQ(configure(4096, c.blocks), ACK_DONE);
+    add("CLIP.MP4", pattern(50000));
+    int before = testsupport::open_fd_count();
+    for (int i = 0; i < 5; ++i) {
         eb->readOffset = 777;  // left by an earlier stream; the request starts afresh
-        Replies r = cap();
-        ASSERT_EQ(r.size(), c.sizes.size());
-        for (size_t i = 0; i < r.size(); ++i) {
-            EXPECT_EQ(r[i].msgType, 18u);
-            EXPECT_EQ(r[i].marker, c.markers[i]);
-            EXPECT_EQ(r[i].offset, 4096u * i);
-            EXPECT_EQ(bytes_of(r[i]), data.substr(4096 * i, c.sizes[i]));
+        eb->process_cap_get(sv[0]);
+        Replies r = replies();
+        ASSERT_EQ(r.size(), 3u);
+        for (size_t k = 0; k < 3; ++k) {
+            EXPECT_EQ(std::make_tuple(r[k].msgType, r[k].marker, r[k].offset),
+                      std::make_tuple(18u, k == 2 ? 1u : 0u, 4096u * static_cast<uint32_t>(k)));
+            EXPECT_EQ(bytes_of(r[k]), data.substr(4096 * k, 4096));
         }
         EXPECT_EQ(eb->readOffset, 0u);
-    }
-}
-
-TEST_F(Capability, MissingOrEmptyFileIsRefused) {
-    EXPECT_EQ(ack_code(cap()), ACK_NOT_FOUND);
-    write_file(capPath, "");
-    EXPECT_EQ(ack_code(cap()), ACK_FAILED);
-    EXPECT_EQ(eb->fileFd, -1);
-}
-
-TEST_F(Capability, RepeatedRequestsHoldAtMostOneDescriptor) {
-    write_file(capPath, data);
-    add("100MEDIA", "CLIP.MP4", pattern(50000));
-    int before = open_descriptors();
-    for (int i = 0; i < 20; ++i) {
-        EXPECT_EQ(cap().size(), 3u);
         EXPECT_EQ(size_reply(download("100MEDIA-CLIP.MP4")), i == 0 ? 50000u : 10000u);
-        EXPECT_EQ(ack_code(download("100MEDIA-NONE.MP4")), ACK_NOT_FOUND);
-        EXPECT_LE(open_descriptors(), before + 1);
+        EXPECT_LE(testsupport::open_fd_count(), before + 1);
     }
     eb.reset();
-    EXPECT_EQ(open_descriptors(), before);
+    EXPECT_EQ(testsupport::open_fd_count(), before);
+}
+
+struct JsonFree {
+    void operator()(cJSON* j) const { cJSON_Delete(j); }
+};
+
+std::string text_of(const cJSON* object, const char* key) {
+    const cJSON* item = cJSON_GetObjectItemCaseSensitive(object, key);
+    return cJSON_IsString(item) ? item->valuestring : "<absent>";
+}
+
+TEST_F(Download, MetadataDocumentHoldsTheRecordOfKnownTypes) {
+    add("IMG_0001.JPG", jpeg_file(camera_plan("Maker", "Model", 640, 480)));
+    add("low.jpg", jpeg_file(camera_plan("Lower", "Case", 64, 48)));
+    add("a.mp4", testsupport::mp4_file(testsupport::moov(testsupport::trak({}))));
+    add("b.mov", testsupport::mp4_file(testsupport::moov(testsupport::trak({}))));
+    add("IMG_0001.THM", "thumb");
+    add(".hidden", "x");
+    EXPECT_TRUE(metadata("100MEDIA-.hidden").empty());
+    struct Case {
+        const char *name, *key, *value;  // key null: an empty "metadata" array
+    } cases[] = {
+        {"100MEDIA-IMG_0001.JPG", "imgmaker", "Maker"}, {"100MEDIA-low.jpg", "imgmodle", "Case"},
+        {"100MEDIA-a.mp4", "imgWidth", "640"},          {"100MEDIA-b.mov", "imgHeight", "480"},
+        {"100MEDIA-IMG_0001.THM", nullptr, nullptr},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        Replies r = metadata(c.name);
+        ASSERT_EQ(r.size(), 1u);
+        EXPECT_EQ(std::make_tuple(r[0].msgType, r[0].marker, r[0].offset),
+                  std::make_tuple(19u, 1u, 0u));
+        std::string text = bytes_of(r[0]);
+        std::unique_ptr<cJSON, JsonFree> doc(cJSON_Parse(text.c_str()));
+        ASSERT_TRUE(doc);
+        std::unique_ptr<char, decltype(&cJSON_free)> printed(cJSON_Print(doc.get()), cJSON_free);
+        EXPECT_EQ(text, printed.get());  // the formatted print, without its NUL
+        EXPECT_EQ(text_of(doc.get(), "filename"), c.name);
+        const cJSON* list = cJSON_GetObjectItemCaseSensitive(doc.get(), "metadata");
+        ASSERT_TRUE(cJSON_IsArray(list));
+        ASSERT_EQ(cJSON_GetArraySize(list), c.key ? 1 : 0);
+        if (c.key != nullptr) {
+            EXPECT_EQ(text_of(cJSON_GetArrayItem(list, 0), c.key), c.value);
+            EXPECT_EQ(text_of(cJSON_GetArrayItem(list, 0), "fileName"), c.name);
+        }
+    }
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-// Mapped regions and chunk streams: region bounds, markers, header offsets, readOffset
-// bookkeeping, refusals, empty chunks and thumbnail streams.
-#include <fcntl.h>
+// Chunk streams: markers, header offsets counted from the region, readOffset bookkeeping,
+// refusals, lost pages, thumbnail streams and the region lock a download waits on.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,187 +20,110 @@ namespace {
 
 class Stream : public TransferTest {
 protected:
-    std::string data;
-    // Configures the burst, puts a file of `size` pattern bytes on the card and downloads it.
-    void open_file(uint32_t size, uint16_t packsize, uint16_t blocks) {
-        ASSERT_EQ(configure(packsize, blocks), ACK_DONE);
-        data = pattern(size);
-        add("100MEDIA", "CLIP.MP4", data);
-        ASSERT_EQ(size_reply(download("100MEDIA-CLIP.MP4")), size);
+    std::string data = pattern(40000);
+    void SetUp() override {
+        TransferTest::SetUp();
+        ASSERT_EQ(configure(4096, 4), ACK_DONE);
+        add("CLIP.MP4", data);
     }
-    // Checks each packet's marker, header offset and bytes (file offset = mapoff + offset).
-    void expect_burst(const Replies& r, const std::vector<uint32_t>& markers,
-                      const std::vector<uint32_t>& offsets, const std::vector<size_t>& sizes,
-                      uint32_t msgType = 3) {
+    // Packets of 4096 bytes but the last, header offsets from `first` on; the bytes come from
+    // file offset mapoff + header offset (mapoff 0 for a thumbnail).
+    void expect_burst(const Replies& r, const std::vector<uint32_t>& markers, uint32_t first,
+                      size_t lastSize, uint32_t msgType = 3) {
         ASSERT_EQ(r.size(), markers.size());
         for (size_t i = 0; i < r.size(); ++i) {
-            SCOPED_TRACE(i);
-            EXPECT_EQ(r[i].reqType, 0u);
-            EXPECT_EQ(r[i].msgType, msgType);
-            EXPECT_EQ(r[i].marker, markers[i]);
-            EXPECT_EQ(r[i].offset, offsets[i]);
-            ASSERT_EQ(r[i].payload.size(), sizes[i]);
-            EXPECT_EQ(bytes_of(r[i]), data.substr(eb->mapoff + offsets[i], sizes[i]));
+            uint32_t at = first + 4096 * static_cast<uint32_t>(i);
+            size_t n = i + 1 == r.size() ? lastSize : 4096;
+            EXPECT_EQ(std::make_tuple(r[i].reqType, r[i].msgType, r[i].marker, r[i].offset),
+                      std::make_tuple(0u, msgType, markers[i], at))
+                << i;
+            EXPECT_EQ(bytes_of(r[i]), data.substr(eb->mapoff + at, n)) << i;
         }
     }
 };
 
-TEST_F(Stream, RegionStartsAtThePageOfReadOffsetAndHoldsOneBurst) {
+// One open file, requests in this order: the region moves only when a request leaves it.
+TEST_F(Stream, RequestsWalkTheFileWithMarkersAndRegionOffsets) {
+    ASSERT_EQ(size_reply(download("100MEDIA-CLIP.MP4")), 40000u);
     struct Case {
-        uint32_t readOffset, fileSize;
-        uint16_t packsize, blocks;
-        uint32_t mapoff, mapsize;
+        uint32_t offset, length, msgType;
+        std::vector<uint32_t> markers;
+        uint32_t first, lastSize, readOffset, mapoff;
     } cases[] = {
-        {5000, 100000, 4096, 1, 4096, 5000},   {0, 1000, 4096, 1, 0, 1000},
-        {4096, 100000, 4096, 4, 4096, 16384},  {0, 10u << 20, 65535, 16, 0, 65535u * 16},
-        {99999, 100000, 4096, 1, 98304, 1696},
+        {5000, 3000, 3, {3}, 5000, 3000, 8000, 0},  // inside the region mapped on download
+        {20000, 3000, 3, {3}, 3616, 3000, 23000, 16384},
+        {17000, 0, 3, {2, 2, 2, 2}, 616, 4096, 33384, 16384},
+        {0, 0, 3, {0, 0, 0, 2}, 0, 4096, 16384, 0},
+        {16384, 0, 3, {2, 2, 2, 2}, 0, 4096, 32768, 16384},
+        {32768, 0, 6, {2, 3}, 0, 3136, 40000, 32768},
+        {40000, 0, 3, {}, 0, 0, 40000, 32768},  // nothing left: no packet, no reply
+        {0, 1000, 3, {1}, 0, 1000, 1000, 0},
+        {1000, 8192, 6, {2, 3}, 1000, 4096, 9192, 0},
     };
-    std::string path = tmp.file("big.bin");
-    std::string bytes = pattern(10u << 20);
-    write_file(path, bytes);
     for (const Case& c : cases) {
-        SCOPED_TRACE(c.readOffset);
-        ASSERT_EQ(configure(c.packsize, c.blocks), ACK_DONE);
-        eb->fileFd = open(path.c_str(), O_RDONLY);
-        eb->fileSize = c.fileSize;
-        eb->readOffset = c.readOffset;
-        ASSERT_EQ(eb->event_switch_meminfo(sv[0], 3), 0);
+        SCOPED_TRACE(std::to_string(c.offset) + "+" + std::to_string(c.length));
+        expect_burst(chunk(c.offset, c.length, static_cast<uint8_t>(c.msgType)), c.markers, c.first,
+                     c.lastSize, c.msgType);
+        EXPECT_EQ(eb->readOffset, c.readOffset);
         EXPECT_EQ(eb->mapoff, c.mapoff);
-        EXPECT_EQ(eb->mapsize, c.mapsize);
-        const uint8_t* at = eb->mmap_base_addr + (c.readOffset - c.mapoff);
-        EXPECT_EQ(*at, static_cast<uint8_t>(bytes[c.readOffset]));
-        EXPECT_TRUE(replies().empty());
-        eb->release_region();
-        close(eb->fileFd);
-        eb->fileFd = -1;
     }
 }
 
-TEST_F(Stream, NothingLeftToMapClosesTheFileAndFails) {
-    std::string path = tmp.file("f.bin");
-    write_file(path, pattern(8192));
-    eb->fileFd = open(path.c_str(), O_RDONLY);
-    eb->fileOpened = 1;
-    eb->fileSize = 8192;
-    eb->readOffset = 8192;
-    EXPECT_EQ(eb->event_switch_meminfo(sv[0], 6), -1);
-    EXPECT_EQ(only_ack(6), ACK_FAILED);
-    EXPECT_EQ(eb->fileFd, -1);
-    EXPECT_EQ(eb->fileOpened, 0);
-    EXPECT_EQ(eb->mmap_base_addr, nullptr);
-}
-
-TEST_F(Stream, LengthZeroBurstsWalkTheFileWithContinuationMarkers) {
-    open_file(40000, 4096, 4);
-    expect_burst(chunk(0, 0), {0, 0, 0, 2}, {0, 4096, 8192, 12288}, {4096, 4096, 4096, 4096});
-    EXPECT_EQ(eb->readOffset, 16384u);
-    expect_burst(chunk(16384, 0), {2, 2, 2, 2}, {0, 4096, 8192, 12288}, {4096, 4096, 4096, 4096});
-    EXPECT_EQ(eb->mapoff, 16384u);
-    expect_burst(chunk(32768, 0), {2, 3}, {0, 4096}, {4096, 3136});
-    EXPECT_EQ(eb->readOffset, 40000u);
-    // Nothing remains: the request ends without a packet or a reply.
-    EXPECT_TRUE(chunk(40000, 0).empty());
-    EXPECT_EQ(eb->readOffset, 40000u);
-}
-
-TEST_F(Stream, ExplicitLengthEndsEveryBurst) {
-    open_file(5000, 1000, 1);
-    expect_burst(chunk(0, 1000), {1}, {0}, {1000});
-    ASSERT_EQ(configure(1000, 2), ACK_DONE);  // the same open file, a larger burst
-    expect_burst(chunk(1000, 2000, 6), {2, 3}, {1000, 2000}, {1000, 1000}, 6);
-    EXPECT_EQ(eb->readOffset, 3000u);
-}
-
-TEST_F(Stream, HeaderOffsetsCountFromTheRegion) {
-    open_file(100000, 4096, 4);
-    expect_burst(chunk(5000, 3000), {3}, {5000}, {3000});  // inside the first region
-    EXPECT_EQ(eb->mapoff, 0u);
-    expect_burst(chunk(20000, 3000), {3}, {3616}, {3000});
-    EXPECT_EQ(eb->mapoff, 16384u);
-    expect_burst(chunk(17000, 0), {2, 2, 2, 2}, {616, 4712, 8808, 12904}, {4096, 4096, 4096, 4096});
-}
-
-TEST_F(Stream, RefusedRequestsStreamNothing) {
-    struct Case {
-        uint32_t offset, length;
-        uint32_t marker, code;
-    } cases[] = {
-        {0, 16385, 1, ACK_FAILED},            // one byte over the burst
-        {39000, 2000, 1, ACK_FAILED},         // past the end
-        {0xFFFFF000, 0x1000, 1, ACK_FAILED},  // would wrap in 32 bits
-    };
-    open_file(40000, 4096, 4);
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.offset);
-        EXPECT_EQ(ack_code(chunk(c.offset, c.length)), c.code);
+TEST_F(Stream, RefusedAndEmptyRequestsStreamNothing) {
+    for (uint8_t type : {3, 6}) {  // before any download
+        EXPECT_EQ(ack(chunk(0, 0, type), type, 3), ACK_END_OF_DATA);
     }
-    EXPECT_EQ(eb->readOffset, 0xFFFFF000u);  // set before the range check
-    ASSERT_EQ(configure(0, 4), ACK_DONE);    // a burst of 0 bytes: an empty chunk
-    EXPECT_TRUE(chunk(0, 0).empty());
-}
-
-TEST_F(Stream, ChunkBeforeAnyDownloadIsEndOfData) {
-    for (uint8_t type : {3, 6}) {
-        eb->transfer_file_data(sv[0], type, 0, 0);
-        EXPECT_EQ(only_ack(type, 3), ACK_END_OF_DATA);
-    }
-}
-
-TEST_F(Stream, QuitStopsTheBurstButAdvancesReadOffset) {
-    open_file(40000, 4096, 4);
+    ASSERT_EQ(size_reply(download("100MEDIA-CLIP.MP4")), 40000u);
+    EXPECT_EQ(ack(chunk(0, 16385), 3), ACK_FAILED);  // one byte over the burst
+    EXPECT_EQ(ack(chunk(39000, 2000), 3), ACK_FAILED);
+    EXPECT_EQ(ack(chunk(0xFFFFF000, 0x1000, 6), 6), ACK_FAILED);  // would wrap in 32 bits
+    EXPECT_EQ(eb->readOffset, 0xFFFFF000u);                       // set before the range check
     eb->quitRequested = 1;
     EXPECT_TRUE(chunk(0, 0).empty());
-    EXPECT_EQ(eb->readOffset, 16384u);
+    EXPECT_EQ(eb->readOffset, 16384u);  // a quit still counts the burst as taken
     eb->quitRequested = 0;
+    ASSERT_EQ(configure(0, 4), ACK_DONE);  // a burst of 0 bytes: an empty chunk
+    EXPECT_TRUE(chunk(0, 0).empty());
+    eb->readOffset = 50000;  // a region past the end cannot be mapped: the file is closed
+    EXPECT_EQ(eb->event_switch_meminfo(sv[0], 6), -1);
+    EXPECT_EQ(ack(replies(), 6), ACK_FAILED);
+    EXPECT_EQ(eb->fileFd, -1);
+    EXPECT_EQ(eb->fileOpened, 0);
 }
 
-// A file cut short while its region is being sent: the page that is gone cannot be read,
-// so the burst stops there with 0xFB06 instead of taking the server down with SIGBUS.
+// A file cut short under its region: the burst stops at the lost page with 0xFB06 instead of
+// taking the server down with SIGBUS, and the next request refuses before sending.
 TEST_F(Stream, PagesLostMidBurstEndTheBurstWithFailure) {
     install_mapping_guard();
-    open_file(40000, 4096, 4);
+    ASSERT_EQ(size_reply(download("100MEDIA-CLIP.MP4")), 40000u);
     ASSERT_EQ(truncate((location + "/100MEDIA/CLIP.MP4").c_str(), 4096), 0);
     BurstResult r = send_burst(*eb, make_plan(sv[0], 3, eb->mmap_base_addr, 0, 16384));
     EXPECT_EQ(r.end, BurstEnd::SourceLost);
     Replies got = replies();
     ASSERT_EQ(got.size(), 2u);
     EXPECT_EQ(bytes_of(got[0]), data.substr(0, 4096));
-    EXPECT_EQ(got[1].reqType, 1u);
-    EXPECT_EQ(got[1].ackCode, ACK_FAILED);
-    EXPECT_EQ(got[1].msgType, 3u);
-    // The next request finds the region no longer backed and says so before sending.
-    EXPECT_EQ(ack_code(chunk(4096, 0)), ACK_FAILED);
+    EXPECT_EQ(ack({got[1]}, 3), ACK_FAILED);
+    EXPECT_EQ(ack(chunk(4096, 0), 3), ACK_FAILED);
 }
 
 TEST_F(Stream, ThumbnailStreamsFromTheJpegUntilItsEnd) {
-    ASSERT_EQ(configure(4096, 4), ACK_DONE);
     data = pattern(9000, 7);
-    add("100MEDIA", "IMG_0001.JPG",
-        testsupport::jpeg_file(testsupport::camera_plan("M", "N", 8, 8, data)));
+    add("IMG_0001.JPG", testsupport::jpeg_file(testsupport::camera_plan("M", "N", 8, 8, data)));
     ASSERT_EQ(size_reply(download("100MEDIA-IMG_0001.thm")), 9000u);
-    ASSERT_EQ(eb->thumbReady, 1);
     struct Case {
         uint32_t readOffset, offset;
-        std::vector<uint32_t> markers, offsets;
-        std::vector<size_t> sizes;
-    } cases[] = {
-        {0, 0, {0, 0, 1}, {0, 4096, 8192}, {4096, 4096, 808}},
-        {5, 0, {2, 2, 3}, {0, 4096, 8192}, {4096, 4096, 808}},
-        {0, 4096, {0, 1}, {4096, 8192}, {4096, 808}},
-        {0, 9000, {}, {}, {}},
-        {0, 20000, {}, {}, {}},
-    };
+        std::vector<uint32_t> markers;
+    } cases[] = {{0, 0, {0, 0, 1}}, {5, 0, {2, 2, 3}}, {0, 4096, {0, 1}}, {0, 9000, {}}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.offset);
         eb->readOffset = c.readOffset;
         eb->transfer_thumbnail_data(sv[0], c.offset);
-        expect_burst(replies(), c.markers, c.offsets, c.sizes);  // mapoff is 0: no file
+        expect_burst(replies(), c.markers, c.offset, 808);
         EXPECT_EQ(eb->readOffset, c.readOffset);
     }
 }
 
 TEST_F(Stream, DownloadWaitsForARunningStreamThenGivesUp) {
-    open_file(40000, 4096, 4);
     std::atomic<bool> holding{false}, done{false};
     std::thread stream([&] {  // stands in for a chunk stream holding the region
         std::lock_guard<std::mutex> region(eb->regionMutex);
@@ -213,7 +135,7 @@ TEST_F(Stream, DownloadWaitsForARunningStreamThenGivesUp) {
     while (!holding) {
         usleep(1000);
     }
-    EXPECT_EQ(ack_code(download("100MEDIA-CLIP.MP4")), ACK_FAILED);
+    EXPECT_EQ(ack(download("100MEDIA-CLIP.MP4"), 2), ACK_FAILED);
     done = true;
     stream.join();
     EXPECT_EQ(size_reply(download("100MEDIA-CLIP.MP4")), 40000u);

@@ -1,5 +1,5 @@
-// Shared set-up for the transfer tests: a card in a temporary directory, one event base
-// driven directly on the test thread, and a socketpair whose far end decodes the replies.
+// A card in a temporary directory and one event base driven on the test thread; the far end
+// of a socketpair decodes what the handlers send.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "app/client.h"
@@ -24,20 +25,40 @@ using testsupport::make_dirs;
 using testsupport::write_file;
 using Replies = std::vector<app::Reply>;
 
-// A byte pattern that differs at every offset within a packet and between packets, so a
-// payload from the wrong place never matches by accident.
+// Differs at every offset, so bytes from the wrong place never match by accident.
 inline std::string pattern(size_t n, uint32_t seed = 1) {
     std::string s(n, '\0');
-    uint32_t x = seed;
     for (size_t i = 0; i < n; ++i) {
-        x = x * 1103515245u + 12345u;
-        s[i] = static_cast<char>(x >> 16);
+        seed = seed * 1103515245u + 12345u;
+        s[i] = static_cast<char>(seed >> 16);
     }
     return s;
 }
 
 inline std::string bytes_of(const app::Reply& r) {
     return std::string(r.payload.begin(), r.payload.end());
+}
+
+// The code of the single acknowledgement in `r`, with its fixed header fields checked.
+inline uint32_t ack(const Replies& r, uint32_t msgType, uint32_t marker = 1) {
+    if (r.size() != 1 || r[0].reqType != 1) {
+        ADD_FAILURE() << "expected one acknowledgement, got " << r.size() << " replies";
+        return 0;
+    }
+    EXPECT_EQ(std::make_tuple(r[0].msgType, r[0].marker, r[0].offset, r[0].ackFlag, r[0].ackValue),
+              std::make_tuple(msgType, marker, 0u, 1u, 0u));
+    return r[0].ackCode;
+}
+
+// The size reply: one type-2 data packet holding the size little-endian.
+inline uint32_t size_reply(const Replies& r) {
+    if (r.size() != 1 || r[0].reqType != 0 || r[0].payload.size() != 4) {
+        ADD_FAILURE() << "no size reply";
+        return 0;
+    }
+    EXPECT_EQ(std::make_tuple(r[0].msgType, r[0].marker, r[0].offset), std::make_tuple(2u, 1u, 0u));
+    const std::vector<uint8_t>& b = r[0].payload;
+    return b[0] | b[1] << 8 | b[2] << 16 | static_cast<uint32_t>(b[3]) << 24;
 }
 
 class TransferTest : public ::testing::Test {
@@ -47,7 +68,7 @@ protected:
     std::string location = card + "/DCIM";
     std::string capPath = tmp.file("camera_definition.xml");
     std::unique_ptr<CEventBase> eb;
-    app::Client peer;  // reads what the event base sends
+    app::Client peer;
     int sv[2] = {-1, -1};
 
     void SetUp() override {
@@ -66,15 +87,7 @@ protected:
         close(sv[0]);
         close(sv[1]);
     }
-
-    // A received data packet as the loop hands it to a handler: header in host order.
-    void load(CPacket& p, uint8_t msgType, const void* payload, uint32_t len, uint32_t off = 0) {
-        std::vector<uint8_t> w = app::encode_packet(0, 1, msgType, 7, 1, off, 0, payload, len);
-        memcpy(p.buffer(), w.data(), w.size());
-        p.unpackHeader();
-    }
-    // Every reply the handler has written; the handlers run on this thread, so everything
-    // is in the socket by the time they return.
+    // Everything the handlers wrote; they run on this thread, so it is all in the socket.
     Replies replies() {
         Replies out;
         pollfd pfd{sv[1], POLLIN, 0};
@@ -89,70 +102,38 @@ protected:
         }
         return out;
     }
-    // The single acknowledgement a request produced; 0 when it produced something else.
-    uint32_t only_ack(uint32_t msgType, uint32_t marker = 1) {
-        Replies r = replies();
-        if (r.size() != 1 || r[0].reqType != 1) {
-            ADD_FAILURE() << "expected one acknowledgement, got " << r.size() << " replies";
-            return 0;
-        }
-        EXPECT_EQ(r[0].msgType, msgType);
-        EXPECT_EQ(r[0].marker, marker);
-        EXPECT_EQ(r[0].offset, 0u);
-        EXPECT_EQ(r[0].ackFlag, 1u);
-        EXPECT_EQ(r[0].ackValue, 0u);
-        return r[0].ackCode;
-    }
-
-    uint32_t configure_raw(const std::vector<uint8_t>& payload) {
+    // Hands a data packet to its handler as the loop would (header in host order).
+    Replies request(uint8_t msgType, const std::string& payload) {
         CPacket p;
-        load(p, 17, payload.data(), static_cast<uint32_t>(payload.size()));
-        eb->process_data_file_config(sv[0], p);
-        return only_ack(17);
+        std::vector<uint8_t> w = app::encode_packet(0, 1, msgType, 7, 1, 0, 0, payload.data(),
+                                                    static_cast<uint32_t>(payload.size()));
+        memcpy(p.buffer(), w.data(), w.size());
+        p.unpackHeader();
+        if (msgType == 17) {
+            eb->process_data_file_config(sv[0], p);
+        } else if (msgType == 2) {
+            eb->process_data_file_download(sv[0], p);
+        } else {
+            eb->process_data_file_metadata(sv[0], p);
+        }
+        return replies();
     }
     uint32_t configure(uint16_t packsize, uint16_t blocks, const std::string& text = "",
                        bool userDefined = false) {
-        return configure_raw(app::build_config_payload(packsize, blocks, text, userDefined));
+        std::vector<uint8_t> w = app::build_config_payload(packsize, blocks, text, userDefined);
+        return ack(request(17, std::string(w.begin(), w.end())), 17);
     }
-    std::string add(const std::string& dir, const std::string& name, const std::string& bytes) {
-        std::string path = location + "/" + dir + "/" + name;
-        make_dirs(location + "/" + dir);
-        write_file(path, bytes);
-        return path;
-    }
-    Replies download(const std::string& name) {
-        CPacket p;
-        load(p, 2, name.data(), static_cast<uint32_t>(name.size()));
-        eb->process_data_file_download(sv[0], p);
-        return replies();
-    }
-    Replies metadata(const std::string& name) {
-        CPacket p;
-        load(p, 19, name.data(), static_cast<uint32_t>(name.size()));
-        eb->process_data_file_metadata(sv[0], p);
-        return replies();
-    }
+    Replies download(const std::string& name) { return request(2, name); }
+    Replies metadata(const std::string& name) { return request(19, name); }
     Replies chunk(uint32_t offset, uint32_t length, uint8_t msgType = 3) {
         eb->transfer_file_data(sv[0], msgType, offset, length);
         return replies();
     }
-};
-
-// The size reply: one data packet of type 2 whose payload is the size, little-endian.
-inline uint32_t size_reply(const Replies& r) {
-    if (r.size() != 1 || r[0].reqType != 0 || r[0].payload.size() != 4) {
-        ADD_FAILURE() << "no size reply";
-        return 0;
+    std::string add(const std::string& name, const std::string& bytes) {
+        write_file(location + "/100MEDIA/" + name, bytes);
+        return location + "/100MEDIA/" + name;
     }
-    EXPECT_EQ(r[0].msgType, 2u);
-    EXPECT_EQ(r[0].marker, 1u);
-    const std::vector<uint8_t>& b = r[0].payload;
-    return b[0] | b[1] << 8 | b[2] << 16 | static_cast<uint32_t>(b[3]) << 24;
-}
-
-inline uint32_t ack_code(const Replies& r) {
-    return r.size() == 1 && r[0].reqType == 1 ? r[0].ackCode : 0;
-}
+};
 
 }  // namespace transfertest
 }  // namespace korvel
