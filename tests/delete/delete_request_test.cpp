@@ -1,6 +1,5 @@
 // The delete request run as the worker runs it: replies read from a socketpair, queued paths
-// read from a deleter that is never started.
-#include <dirent.h>
+// read from a deleter that is never started, trace lines from captured standard output.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -9,7 +8,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -26,25 +27,14 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using testsupport::exists;
 
-const char* const TIME_LINE = "move: [json_file_delete:1114]cost time ";
-
 size_t count_of(const std::string& text, const std::string& what) {
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) {
-        ++n;
-    }
-    return n;
+    std::regex re(what);
+    return std::distance(std::sregex_iterator(text.begin(), text.end(), re), {});
 }
 
 size_t entries_in(const std::string& dir) {
-    size_t n = 0;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (dirent* e = readdir(d)) {
-            n += e->d_name[0] != '.';
-        }
-        closedir(d);
-    }
-    return n;
+    std::error_code ec;
+    return std::distance(std::filesystem::directory_iterator(dir, ec), {});
 }
 
 class DeleteRequestTest : public ::testing::Test {
@@ -67,7 +57,6 @@ protected:
     void set_location(const std::string& loc) {
         std::lock_guard<std::mutex> lock(ev->locationMutex);
         snprintf(ev->resourceLocation, sizeof ev->resourceLocation, "%s", loc.c_str());
-        ev->userDefLocation = 0;
     }
     // One request as the worker runs it; returns the codes of its replies, trace in `out`.
     std::vector<uint16_t> run(std::string json) {
@@ -85,72 +74,61 @@ protected:
         }
         return codes;
     }
-    std::vector<std::string> queued_paths() const {
-        return {queued.pendingNames.begin(), queued.pendingNames.end()};
-    }
-
     std::string in_media(const std::string& name) const { return media + "/" + name; }
-    std::string in_holding(const std::string& name) const { return holding + "/" + name; }
+    std::string held(const std::string& name) const { return dcim + "/tmp_delete/" + name; }
     void put_media(const std::vector<std::string>& names) const {
         for (const std::string& n : names) {
             testsupport::write_file(in_media(n), n);
         }
     }
+    std::vector<std::string> queued_paths() const {
+        return {queued.pendingNames.begin(), queued.pendingNames.end()};
+    }
 
     testsupport::TempDir tmp;
     std::string card = tmp.file("card"), dcim = card + "/DCIM", media = dcim + "/100MEDIA";
-    std::string holding = dcim + "/tmp_delete", outside = tmp.file("outside");
+    std::string outside = tmp.file("outside"), out;
     int sv[2] = {-1, -1};
     DWF_DELHandler queued;
     std::unique_ptr<CEventBase> ev{new CEventBase()};
-    std::string out;
 };
 
-TEST_F(DeleteRequestTest, CompanionsFollowTheirPhotoOrVideo) {
+TEST_F(DeleteRequestTest, CompanionsFollowTheirPhotoOrVideoAndOtherNamesAreSkipped) {
     const std::string maxBase(127, 'M');  // the longest base still handled
+    const std::vector<std::string> skipped = {"IMG.JPG.bak", "IMG.JPEG", "B",     ".hidden.JPG",
+                                              "A.B.MP4",     "X.",       "T.txt", "L.JPEGXXXX"};
+    put_media(skipped);
     put_media({"IMG_0001.JPG", "IMG_0001.thm", "IMG_0001.THM", "IMG_0001.2nd", "VID_0002.mp4",
                "VID_0002.2nd", "VID_0002.THM", "VID_0002.thm", "CLIP.MOV", maxBase + ".jpg"});
-    // Key in capitals; bytes after the first complete value are ignored.
-    EXPECT_THAT(run(R"({"MEDIA":["100MEDIA-IMG_0001.JPG","100MEDIA-VID_0002.mp4",)"
-                    R"("100MEDIA-CLIP.MOV","100MEDIA-)" +
-                    maxBase + R"(.jpg"]} trailing)"),
-                ElementsAre(ACK_DONE));
-    EXPECT_EQ(entries_in(media), 1u);
-    EXPECT_TRUE(exists(in_media("IMG_0001.2nd")));  // photos have no second stream
-    EXPECT_EQ(testsupport::read_file(in_holding("VID_0002.mp4")), "VID_0002.mp4");
-    EXPECT_EQ(testsupport::read_file(in_holding("VID_0002.2nd")), "VID_0002.2nd");
-    EXPECT_EQ(entries_in(holding), 3u);
-    // A missing .2nd is still queued; the deleter passes over it.
-    EXPECT_THAT(queued_paths(), ElementsAre(in_holding("VID_0002.mp4"), in_holding("VID_0002.2nd"),
-                                            in_holding("CLIP.MOV"), in_holding("CLIP.2nd")));
-    EXPECT_EQ(count_of(out, TIME_LINE), 1u) << out;
-}
-
-TEST_F(DeleteRequestTest, SkippedNamesAndBadPayloadsTouchNothing) {
-    const std::vector<std::string> files = {"IMG.JPG.bak", "IMG.JPEG", "B",     ".hidden.JPG",
-                                            "A.B.MP4",     "X.",       "T.txt", "L.JPEGXXXX"};
-    put_media(files);
-    std::string names = R"(1, null, true, {"n":"100MEDIA-B"}, ["100MEDIA-IMG.JPEG"])";
-    for (const std::string& n : files) {
+    // Key in capitals, items that are not names, bytes after the first complete value.
+    std::string names = R"(1, null, {"n":"100MEDIA-B"}, ["100MEDIA-IMG.JPEG"], "100MEDIA-)" +
+                        maxBase + R"(.jpg", "100MEDIA-CLIP.MOV")";
+    for (const std::string& n : skipped) {
         names += ",\"100MEDIA-" + n + "\"";
     }
-    const struct {
-        std::string payload;
-        size_t timeLines;  // only a "media" array gets as far as timing
-    } cases[] = {{"not json", 0},
-                 {R"({"other":["100MEDIA-IMG.JPEG"]})", 0},
-                 {R"({"media":"100MEDIA-IMG.JPEG"})", 0},
-                 {R"({"media":[]})", 1},
-                 {R"({"media":[)" + names + "]}", 1}};
-    for (const auto& c : cases) {
-        EXPECT_THAT(run(c.payload), ElementsAre(ACK_DONE)) << c.payload;
-        EXPECT_EQ(count_of(out, TIME_LINE), c.timeLines) << c.payload;
+    EXPECT_THAT(run(R"({"MEDIA":["100MEDIA-IMG_0001.JPG","100MEDIA-VID_0002.mp4",)" + names +
+                    "]} trailing"),
+                ElementsAre(ACK_DONE));
+    EXPECT_EQ(entries_in(media), 1u + skipped.size());
+    EXPECT_TRUE(exists(in_media("IMG_0001.2nd")));  // photos have no second stream
+    EXPECT_EQ(testsupport::read_file(held("VID_0002.mp4")), "VID_0002.mp4");
+    EXPECT_EQ(testsupport::read_file(held("VID_0002.2nd")), "VID_0002.2nd");
+    EXPECT_EQ(entries_in(dcim + "/tmp_delete"), 3u);
+    // A missing .2nd is still queued; the deleter passes over it.
+    EXPECT_THAT(queued_paths(), ElementsAre(held("VID_0002.mp4"), held("VID_0002.2nd"),
+                                            held("CLIP.MOV"), held("CLIP.2nd")));
+    EXPECT_EQ(count_of(out, "move: \\[json_file_delete:1114\\]cost time \\d+ms\n"), 1u) << out;
+}
+
+TEST_F(DeleteRequestTest, PayloadsWithoutAMediaArrayGetOnlyTheFirstReply) {
+    put_media({"IMG.JPG"});
+    for (const char* payload : {"not json", R"({"other":["100MEDIA-IMG.JPG"]})",
+                                R"({"media":"100MEDIA-IMG.JPG"})", R"({"media":[]})"}) {
+        EXPECT_THAT(run(payload), ElementsAre(ACK_DONE)) << payload;
+        // Only a "media" array, even an empty one, gets as far as timing.
+        EXPECT_EQ(count_of(out, "cost time"), payload == std::string(R"({"media":[]})")) << out;
     }
-    for (const std::string& n : files) {
-        EXPECT_TRUE(exists(in_media(n))) << n;
-    }
-    EXPECT_FALSE(exists(holding));
-    EXPECT_THAT(queued_paths(), IsEmpty());
+    EXPECT_TRUE(exists(in_media("IMG.JPG")));
 }
 
 TEST_F(DeleteRequestTest, UncreatableHoldingDirGivesBadLocationAndUnlinksAtOnce) {
@@ -158,18 +136,12 @@ TEST_F(DeleteRequestTest, UncreatableHoldingDirGivesBadLocationAndUnlinksAtOnce)
     ASSERT_EQ(chmod(tmp.path().c_str(), 0755) | chmod(card.c_str(), 0755) |
                   chmod(media.c_str(), 0777) | chmod(dcim.c_str(), 0555),
               0);
-    // Root ignores directory modes: drop this thread's file-system identity for the request.
-    const bool asRoot = geteuid() == 0;
-    if (asRoot) {
-        setfsuid(65534);
-    }
+    setfsuid(65534);  // root ignores directory modes; fsuid is per thread
     auto acks = run(R"({"media":["100MEDIA-VID.MP4"]})");
-    if (asRoot) {
-        setfsuid(0);
-    }
+    setfsuid(geteuid());
     EXPECT_THAT(acks, ElementsAre(ACK_DONE, ACK_BAD_LOCATION));
     EXPECT_EQ(entries_in(media), 0u);
-    EXPECT_FALSE(exists(holding));
+    EXPECT_FALSE(exists(dcim + "/tmp_delete"));
     EXPECT_THAT(queued_paths(), IsEmpty());
     EXPECT_EQ(count_of(out, "mkdir tmp_delete failed: Permission denied"), 10u) << out;
 }
@@ -187,7 +159,7 @@ TEST_F(DeleteRequestTest, NothingOffTheLocationIsRenamedOrUnlinked) {
                             ACK_BAD_NAME));
     // A holding directory that leads off the card is not used: the video goes at once.
     testsupport::make_dirs(outside + "/hold");
-    ASSERT_EQ(symlink("../../outside/hold", holding.c_str()), 0);
+    ASSERT_EQ(symlink("../../outside/hold", (dcim + "/tmp_delete").c_str()), 0);
     put_media({"V.MP4"});
     EXPECT_THAT(run(R"({"media":["100MEDIA-V.MP4"]})"), ElementsAre(ACK_DONE, ACK_BAD_LOCATION));
     EXPECT_EQ(entries_in(outside + "/hold"), 0u);
