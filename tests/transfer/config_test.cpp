@@ -35,7 +35,7 @@ TEST_F(Config, WordsDecodeIntoParametersAndTheBurstLimitIs200MiB) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.blocks);
         eb.reset(new CEventBase);
-        EXPECT_EQ(ack(request(17, words(c.config, c.blocks)), 17), c.code);
+        EXPECT_EQ(answer(request(17, words(c.config, c.blocks)), 17), c.code);
         EXPECT_EQ(eb->userDefConfig, c.userDef);
         EXPECT_EQ(eb->softwareVerConfig, c.version);
         EXPECT_EQ(eb->userDefPacksize, c.packsize);
@@ -47,13 +47,13 @@ TEST_F(Config, WordsDecodeIntoParametersAndTheBurstLimitIs200MiB) {
 
 TEST_F(Config, PayloadLengthDecidesWhichWordsCount) {
     ASSERT_EQ(configure(1024, 8), ACK_DONE);
-    EXPECT_EQ(ack(request(17, words(0x80000200, 3, 100)), 17), ACK_DONE);  // no words
+    EXPECT_EQ(answer(request(17, words(0x80000200, 3, 100)), 17), ACK_DONE);  // no words
     EXPECT_EQ(eb->userDefPacksize, 1024u);
     EXPECT_EQ(eb->userDefBlocks, 8u);
-    EXPECT_EQ(ack(request(17, words(0x00000200, 3, 1030)), 17), ACK_DONE);  // one: 1 block
+    EXPECT_EQ(answer(request(17, words(0x00000200, 3, 1030)), 17), ACK_DONE);  // one: 1 block
     EXPECT_EQ(eb->userDefPacksize, 512u);
     EXPECT_EQ(eb->userDefBlocks, 1u);
-    EXPECT_EQ(ack(request(17, words(0x00000800, 5, 2047)), 17), ACK_DONE);
+    EXPECT_EQ(answer(request(17, words(0x00000800, 5, 2047)), 17), ACK_DONE);
     EXPECT_EQ(eb->userDefBlocks, 5u);
     EXPECT_TRUE(request(17, words(0x00000100, 9, 2048)).empty());  // ignored, no reply
     EXPECT_EQ(eb->userDefPacksize, 2048u);

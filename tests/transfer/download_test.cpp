@@ -20,19 +20,13 @@ namespace {
 using testsupport::camera_plan;
 using testsupport::jpeg_file;
 
-class Download : public TransferTest {
-protected:
-    void SetUp() override {
-        TransferTest::SetUp();
-        ASSERT_EQ(configure(4096, 4), ACK_DONE);
-    }
-};
+using Download = TransferTest;
 
 TEST_F(Download, SizeReplyIsLittleEndianAndTheFirstFileStays) {
     ASSERT_EQ(truncate(add("IMG_0001.JPG", "").c_str(), 3000000), 0);
     add("IMG_0002.JPG", "0123456789");
-    EXPECT_EQ(size_reply(download("100MEDIA-IMG_0001.JPG")), 3000000u);
-    EXPECT_EQ(size_reply(download("100MEDIA-IMG_0002.JPG")), 3000000u);
+    EXPECT_EQ(answer(download("100MEDIA-IMG_0001.JPG"), 2), 3000000u);
+    EXPECT_EQ(answer(download("100MEDIA-IMG_0002.JPG"), 2), 3000000u);
 }
 
 TEST_F(Download, MissingThmIsServedFromTheJpegThumbnail) {
@@ -41,11 +35,11 @@ TEST_F(Download, MissingThmIsServedFromTheJpegThumbnail) {
     add("low.jpg", jpeg_file(camera_plan("M", "N", 8, 8, thumb.substr(0, 500))));
     add("a.JPG", jpeg_file(camera_plan("M", "N", 8, 8, thumb)));
     add("bare.JPG", jpeg_file(camera_plan("M", "N", 8, 8)));
-    EXPECT_EQ(size_reply(download("100MEDIA-IMG_0001.thm")), 9000u);
-    EXPECT_EQ(size_reply(download("100MEDIA-low.thm")), 500u);
+    EXPECT_EQ(answer(download("100MEDIA-IMG_0001.thm"), 2), 9000u);
+    EXPECT_EQ(answer(download("100MEDIA-low.thm"), 2), 500u);
     for (const char* name : {"100MEDIA-IMG_0001.THM", "100MEDIA-a.b.thm", "100MEDIA-bare.thm",
                              "100MEDIA-none.thm", "100MEDIA-.thm"}) {
-        EXPECT_EQ(ack(download(name), 2), ACK_NOT_FOUND) << name;
+        EXPECT_EQ(answer(download(name), 2), ACK_NOT_FOUND) << name;
         EXPECT_EQ(eb->thumbReady, 0) << name;
     }
 }
@@ -81,25 +75,25 @@ TEST_F(Download, FilesAndNamesThatCannotBeServedAreRefused) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        EXPECT_EQ(ack(download(c.name), 2), c.code ? c.code : ACK_NOT_FOUND);
+        EXPECT_EQ(answer(download(c.name), 2), c.code ? c.code : ACK_NOT_FOUND);
         if (c.code == 0) {
-            EXPECT_EQ(ack(metadata(c.name), 19), ACK_NOT_FOUND);
+            EXPECT_EQ(answer(metadata(c.name), 19), ACK_NOT_FOUND);
         }
         EXPECT_EQ(eb->fileFd, -1);
         EXPECT_EQ(eb->fileOpened, 0);
     }
-    EXPECT_EQ(ack(metadata("100MEDIA-" + std::string(1015, 'n')), 19), ACK_BAD_NAME);
+    EXPECT_EQ(answer(metadata("100MEDIA-" + std::string(1015, 'n')), 19), ACK_BAD_NAME);
     ASSERT_EQ(configure(4096, 4, card, true), ACK_DONE);
-    EXPECT_EQ(ack(download("0-..-secret.txt"), 2), ACK_NOT_FOUND);
+    EXPECT_EQ(answer(download("0-..-secret.txt"), 2), ACK_NOT_FOUND);
     eb.reset(new CEventBase);  // no location yet
-    EXPECT_EQ(ack(download("etc-hostname"), 2), ACK_NOT_FOUND);
-    EXPECT_EQ(ack(metadata("etc-hostname"), 19), ACK_NOT_FOUND);
+    EXPECT_EQ(answer(download("etc-hostname"), 2), ACK_NOT_FOUND);
+    EXPECT_EQ(answer(metadata("etc-hostname"), 19), ACK_NOT_FOUND);
 }
 
 TEST_F(Download, CapabilityIsOneBurstFromZeroAndHoldsOneDescriptor) {
-    EXPECT_EQ(ack((eb->process_cap_get(sv[0]), replies()), 18), ACK_NOT_FOUND);
+    EXPECT_EQ(answer((eb->process_cap_get(sv[0]), replies()), 18), ACK_NOT_FOUND);
     write_file(capPath, "");
-    EXPECT_EQ(ack((eb->process_cap_get(sv[0]), replies()), 18), ACK_FAILED);
+    EXPECT_EQ(answer((eb->process_cap_get(sv[0]), replies()), 18), ACK_FAILED);
     std::string data = pattern(10000, 5);
     write_file(capPath, data);
     add("CLIP.MP4", pattern(50000));
@@ -115,16 +109,12 @@ TEST_F(Download, CapabilityIsOneBurstFromZeroAndHoldsOneDescriptor) {
             EXPECT_EQ(bytes_of(r[k]), data.substr(4096 * k, 4096));
         }
         EXPECT_EQ(eb->readOffset, 0u);
-        EXPECT_EQ(size_reply(download("100MEDIA-CLIP.MP4")), i == 0 ? 50000u : 10000u);
+        EXPECT_EQ(answer(download("100MEDIA-CLIP.MP4"), 2), i == 0 ? 50000u : 10000u);
         EXPECT_LE(testsupport::open_fd_count(), before + 1);
     }
     eb.reset();
     EXPECT_EQ(testsupport::open_fd_count(), before);
 }
-
-struct JsonFree {
-    void operator()(cJSON* j) const { cJSON_Delete(j); }
-};
 
 std::string text_of(const cJSON* object, const char* key) {
     const cJSON* item = cJSON_GetObjectItemCaseSensitive(object, key);
@@ -153,7 +143,8 @@ TEST_F(Download, MetadataDocumentHoldsTheRecordOfKnownTypes) {
         EXPECT_EQ(std::make_tuple(r[0].msgType, r[0].marker, r[0].offset),
                   std::make_tuple(19u, 1u, 0u));
         std::string text = bytes_of(r[0]);
-        std::unique_ptr<cJSON, JsonFree> doc(cJSON_Parse(text.c_str()));
+        std::unique_ptr<cJSON, decltype(&cJSON_Delete)> doc(cJSON_Parse(text.c_str()),
+                                                            cJSON_Delete);
         ASSERT_TRUE(doc);
         std::unique_ptr<char, decltype(&cJSON_free)> printed(cJSON_Print(doc.get()), cJSON_free);
         EXPECT_EQ(text, printed.get());  // the formatted print, without its NUL

@@ -23,7 +23,6 @@ protected:
     std::string data = pattern(40000);
     void SetUp() override {
         TransferTest::SetUp();
-        ASSERT_EQ(configure(4096, 4), ACK_DONE);
         add("CLIP.MP4", data);
     }
     // Packets of 4096 bytes but the last, header offsets from `first` on; the bytes come from
@@ -44,7 +43,7 @@ protected:
 
 // One open file, requests in this order: the region moves only when a request leaves it.
 TEST_F(Stream, RequestsWalkTheFileWithMarkersAndRegionOffsets) {
-    ASSERT_EQ(size_reply(download("100MEDIA-CLIP.MP4")), 40000u);
+    ASSERT_EQ(answer(download("100MEDIA-CLIP.MP4"), 2), 40000u);
     struct Case {
         uint32_t offset, length, msgType;
         std::vector<uint32_t> markers;
@@ -71,13 +70,13 @@ TEST_F(Stream, RequestsWalkTheFileWithMarkersAndRegionOffsets) {
 
 TEST_F(Stream, RefusedAndEmptyRequestsStreamNothing) {
     for (uint8_t type : {3, 6}) {  // before any download
-        EXPECT_EQ(ack(chunk(0, 0, type), type, 3), ACK_END_OF_DATA);
+        EXPECT_EQ(answer(chunk(0, 0, type), type, 3), ACK_END_OF_DATA);
     }
-    ASSERT_EQ(size_reply(download("100MEDIA-CLIP.MP4")), 40000u);
-    EXPECT_EQ(ack(chunk(0, 16385), 3), ACK_FAILED);  // one byte over the burst
-    EXPECT_EQ(ack(chunk(39000, 2000), 3), ACK_FAILED);
-    EXPECT_EQ(ack(chunk(0xFFFFF000, 0x1000, 6), 6), ACK_FAILED);  // would wrap in 32 bits
-    EXPECT_EQ(eb->readOffset, 0xFFFFF000u);                       // set before the range check
+    ASSERT_EQ(answer(download("100MEDIA-CLIP.MP4"), 2), 40000u);
+    EXPECT_EQ(answer(chunk(0, 16385), 3), ACK_FAILED);  // one byte over the burst
+    EXPECT_EQ(answer(chunk(39000, 2000), 3), ACK_FAILED);
+    EXPECT_EQ(answer(chunk(0xFFFFF000, 0x1000, 6), 6), ACK_FAILED);  // would wrap in 32 bits
+    EXPECT_EQ(eb->readOffset, 0xFFFFF000u);                          // set before the range check
     eb->quitRequested = 1;
     EXPECT_TRUE(chunk(0, 0).empty());
     EXPECT_EQ(eb->readOffset, 16384u);  // a quit still counts the burst as taken
@@ -86,7 +85,7 @@ TEST_F(Stream, RefusedAndEmptyRequestsStreamNothing) {
     EXPECT_TRUE(chunk(0, 0).empty());
     eb->readOffset = 50000;  // a region past the end cannot be mapped: the file is closed
     EXPECT_EQ(eb->event_switch_meminfo(sv[0], 6), -1);
-    EXPECT_EQ(ack(replies(), 6), ACK_FAILED);
+    EXPECT_EQ(answer(replies(), 6), ACK_FAILED);
     EXPECT_EQ(eb->fileFd, -1);
     EXPECT_EQ(eb->fileOpened, 0);
 }
@@ -95,21 +94,21 @@ TEST_F(Stream, RefusedAndEmptyRequestsStreamNothing) {
 // taking the server down with SIGBUS, and the next request refuses before sending.
 TEST_F(Stream, PagesLostMidBurstEndTheBurstWithFailure) {
     install_mapping_guard();
-    ASSERT_EQ(size_reply(download("100MEDIA-CLIP.MP4")), 40000u);
+    ASSERT_EQ(answer(download("100MEDIA-CLIP.MP4"), 2), 40000u);
     ASSERT_EQ(truncate((location + "/100MEDIA/CLIP.MP4").c_str(), 4096), 0);
     BurstResult r = send_burst(*eb, make_plan(sv[0], 3, eb->mmap_base_addr, 0, 16384));
     EXPECT_EQ(r.end, BurstEnd::SourceLost);
     Replies got = replies();
     ASSERT_EQ(got.size(), 2u);
     EXPECT_EQ(bytes_of(got[0]), data.substr(0, 4096));
-    EXPECT_EQ(ack({got[1]}, 3), ACK_FAILED);
-    EXPECT_EQ(ack(chunk(4096, 0), 3), ACK_FAILED);
+    EXPECT_EQ(answer({got[1]}, 3), ACK_FAILED);
+    EXPECT_EQ(answer(chunk(4096, 0), 3), ACK_FAILED);
 }
 
 TEST_F(Stream, ThumbnailStreamsFromTheJpegUntilItsEnd) {
     data = pattern(9000, 7);
     add("IMG_0001.JPG", testsupport::jpeg_file(testsupport::camera_plan("M", "N", 8, 8, data)));
-    ASSERT_EQ(size_reply(download("100MEDIA-IMG_0001.thm")), 9000u);
+    ASSERT_EQ(answer(download("100MEDIA-IMG_0001.thm"), 2), 9000u);
     struct Case {
         uint32_t readOffset, offset;
         std::vector<uint32_t> markers;
@@ -135,10 +134,10 @@ TEST_F(Stream, DownloadWaitsForARunningStreamThenGivesUp) {
     while (!holding) {
         usleep(1000);
     }
-    EXPECT_EQ(ack(download("100MEDIA-CLIP.MP4"), 2), ACK_FAILED);
+    EXPECT_EQ(answer(download("100MEDIA-CLIP.MP4"), 2), ACK_FAILED);
     done = true;
     stream.join();
-    EXPECT_EQ(size_reply(download("100MEDIA-CLIP.MP4")), 40000u);
+    EXPECT_EQ(answer(download("100MEDIA-CLIP.MP4"), 2), 40000u);
 }
 
 }  // namespace

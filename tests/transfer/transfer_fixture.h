@@ -39,24 +39,19 @@ inline std::string bytes_of(const app::Reply& r) {
     return std::string(r.payload.begin(), r.payload.end());
 }
 
-// The code of the single acknowledgement in `r`, with its fixed header fields checked.
-inline uint32_t ack(const Replies& r, uint32_t msgType, uint32_t marker = 1) {
-    if (r.size() != 1 || r[0].reqType != 1) {
-        ADD_FAILURE() << "expected one acknowledgement, got " << r.size() << " replies";
+// The one reply a request got: an acknowledgement's code, or the little-endian value a
+// 4-byte data reply (the size reply) carries.
+inline uint32_t answer(const Replies& r, uint32_t msgType, uint32_t marker = 1) {
+    if (r.size() != 1 || (r[0].reqType == 0 && r[0].payload.size() != 4)) {
+        ADD_FAILURE() << "expected one acknowledgement or size, got " << r.size() << " replies";
         return 0;
     }
-    EXPECT_EQ(std::make_tuple(r[0].msgType, r[0].marker, r[0].offset, r[0].ackFlag, r[0].ackValue),
-              std::make_tuple(msgType, marker, 0u, 1u, 0u));
-    return r[0].ackCode;
-}
-
-// The size reply: one type-2 data packet holding the size little-endian.
-inline uint32_t size_reply(const Replies& r) {
-    if (r.size() != 1 || r[0].reqType != 0 || r[0].payload.size() != 4) {
-        ADD_FAILURE() << "no size reply";
-        return 0;
+    EXPECT_EQ(std::make_tuple(r[0].msgType, r[0].marker, r[0].offset),
+              std::make_tuple(msgType, marker, 0u));
+    if (r[0].reqType == 1) {
+        EXPECT_EQ(std::make_tuple(r[0].ackFlag, r[0].ackValue), std::make_tuple(1u, 0u));
+        return r[0].ackCode;
     }
-    EXPECT_EQ(std::make_tuple(r[0].msgType, r[0].marker, r[0].offset), std::make_tuple(2u, 1u, 0u));
     const std::vector<uint8_t>& b = r[0].payload;
     return b[0] | b[1] << 8 | b[2] << 16 | static_cast<uint32_t>(b[3]) << 24;
 }
@@ -81,6 +76,7 @@ protected:
         setsockopt(sv[1], SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
         peer.adopt_fd(dup(sv[1]));
         eb.reset(new CEventBase);
+        ASSERT_EQ(configure(4096, 4), ACK_DONE);
     }
     void TearDown() override {
         eb.reset();
@@ -121,7 +117,7 @@ protected:
     uint32_t configure(uint16_t packsize, uint16_t blocks, const std::string& text = "",
                        bool userDefined = false) {
         std::vector<uint8_t> w = app::build_config_payload(packsize, blocks, text, userDefined);
-        return ack(request(17, std::string(w.begin(), w.end())), 17);
+        return answer(request(17, std::string(w.begin(), w.end())), 17);
     }
     Replies download(const std::string& name) { return request(2, name); }
     Replies metadata(const std::string& name) { return request(19, name); }
