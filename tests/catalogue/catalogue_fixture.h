@@ -40,16 +40,6 @@ inline Names names(const cJSON* media) {
     return n;
 }
 
-inline const cJSON* entry(const cJSON* media, const std::string& name) {
-    const cJSON* e = nullptr;
-    cJSON_ArrayForEach(e, media) {
-        if (str(e, "fileName") == name) {
-            return e;
-        }
-    }
-    return nullptr;
-}
-
 class CatalogueTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -73,6 +63,7 @@ protected:
         media.reset(cJSON_CreateArray());
         return ev->json_look_from_dir(media.get());
     }
+
     testsupport::MediaTree tree;
     std::unique_ptr<CEventBase> ev;
     Json media;

@@ -1,5 +1,5 @@
 // Delivery: built once, paged by offset with the marker rule, no packet when nothing is
-// left; then the whole exchange through the running server.
+// left; and the request's wiring through the running server.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -34,29 +34,22 @@ protected:
         tree.add_files("100MEDIA", {"IMG_0001.JPG", "IMG_0001.thm", "VID_0002.MP4"});
     }
     void TearDown() override { close(serverFd); }
-    // Every reply already written: the task under test runs synchronously.
-    std::vector<app::Reply> replies() {
-        std::vector<app::Reply> out;
-        struct pollfd p = {app.fd(), POLLIN, 0};
-        while (poll(&p, 1, 0) > 0) {
-            out.emplace_back();
-            EXPECT_EQ(app.read_reply(out.back(), 1000), app::CLIENT_OK);
-            EXPECT_TRUE(out.back().crcOk);
-        }
-        return out;
-    }
-    // One catalogue task; payloads checked against the cached text at their offsets.
+    // One catalogue task, run synchronously; data payloads checked against the cached text.
     std::vector<Seen> request(uint8_t marker, uint16_t type, uint32_t offset) {
         ev->json_file_list_send(serverFd, marker, type, offset);
         std::vector<Seen> seen;
-        for (const app::Reply& r : replies()) {
-            EXPECT_EQ(r.reqType << 8 | r.msgType, 0u);
-            EXPECT_EQ(std::string(r.payload.begin(), r.payload.end()),
-                      ev->catalogueText.substr(r.offset, r.payload.size()));
-            seen.emplace_back(r.marker, r.offset, r.payload.size());
+        struct pollfd p = {app.fd(), POLLIN, 0};
+        for (got.clear(); poll(&p, 1, 0) > 0; got.push_back(reply)) {
+            EXPECT_EQ(app.read_reply(reply, 1000), app::CLIENT_OK);
+            EXPECT_TRUE(reply.crcOk && reply.msgType == 0);
+            EXPECT_EQ(std::string(reply.payload.begin(), reply.payload.end()),
+                      ev->catalogueText.substr(reply.offset, reply.payload.size()));
+            seen.emplace_back(reply.marker, reply.offset, reply.payload.size());
         }
         return seen;
     }
+    app::Reply reply;
+    std::vector<app::Reply> got;
     int serverFd = -1;
     app::Client app;
 };
@@ -122,63 +115,45 @@ TEST_F(DeliveryTest, FailedPrintIsReportedAndTheNextRequestRetries) {
     cJSON_Hooks hooks = {picky_malloc, free};
     cJSON_InitHooks(&hooks);
     g_failLarge = true;
-    ev->json_file_list_send(serverFd, 1, CATALOGUE_ALL, 0);
+    EXPECT_EQ(request(1, CATALOGUE_ALL, 0).size(), 1u);
     g_failLarge = false;
-    std::vector<app::Reply> r = replies();
-    ASSERT_EQ(r.size(), 1u);
-    EXPECT_EQ(std::make_tuple(r[0].reqType, r[0].marker, r[0].msgType, r[0].offset),
-              std::make_tuple(1u, 1u, 0u, 0u));
-    EXPECT_EQ(std::make_tuple(r[0].ackFlag, r[0].ackCode, r[0].ackValue),
-              std::make_tuple(1u, uint32_t{ACK_FAILED}, 0u));
+    cJSON_InitHooks(nullptr);
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(std::make_tuple(got[0].reqType, got[0].marker, got[0].offset, got[0].ackFlag),
+              std::make_tuple(1u, 1u, 0u, 1u));
+    EXPECT_EQ(std::make_pair(got[0].ackCode, got[0].ackValue),
+              std::make_pair(uint32_t{ACK_FAILED}, 0u));
     EXPECT_EQ(ev->catalogueJson, nullptr);
     EXPECT_EQ(request(1, CATALOGUE_ALL, 0).size(), 1u);
     EXPECT_GT(ev->catalogueLen, 0u);
-    cJSON_InitHooks(nullptr);
 }
 
-// The app's view: configure, page by offset to the packet marked 1, confirm the last
-// package, and meet a fresh scan under a storage-id location.
-TEST(CatalogueServerTest, PagedCatalogueThenAFreshScanAfterTheLastPackage) {
+// Wiring through the running server: the type travels in the request's value, the offset
+// pages, and the storage-id location names the entries.
+TEST(CatalogueServerTest, PagedCatalogueOfTheRequestedTypeUnderAStorageIdLocation) {
     testsupport::MediaTree tree;
-    tree.add_files("100MEDIA", {"IMG_0001.JPG", "VID_0002.MP4", "VID_0002.2nd"});
+    tree.add_files("100MEDIA", {"IMG_0001.JPG", "VID_0002.MP4"});
+    tree.add_files("101MEDIA", {"NEW.JPG"});
     testsupport::TestServer server(tree.card());
     app::Client app;
+    app::Reply r;
     ASSERT_EQ(app.connect_to("127.0.0.1", server.port()), app::CLIENT_OK);
-    auto fetch = [&](uint16_t packsize, uint16_t blocks, bool user, uint16_t type) {
-        app::Reply r;
-        EXPECT_EQ(app.configure(packsize, blocks, user ? "0" : "", user), app::CLIENT_OK);
-        EXPECT_EQ(app.read_reply(r), app::CLIENT_OK);
-        EXPECT_EQ(r.ackCode, ACK_DONE);
-        std::string text;
-        int requests = 0;
-        for (bool last = false; !last && requests < 100; ++requests) {
-            EXPECT_EQ(app.request_catalogue(type, text.size(), requests == 0), app::CLIENT_OK);
-            for (uint32_t i = 0; i < blocks && !last; ++i) {
-                if (app.read_reply(r) != app::CLIENT_OK) {
-                    ADD_FAILURE() << "no reply at offset " << text.size();
-                    return Json();
-                }
-                EXPECT_EQ(r.offset, text.size());
-                text.append(r.payload.begin(), r.payload.end());
-                last = r.marker == 1;
-            }
+    ASSERT_EQ(app.configure(40, 2, "0", true), app::CLIENT_OK);
+    ASSERT_EQ(app.read_reply(r), app::CLIENT_OK);
+    ASSERT_EQ(r.ackCode, ACK_DONE);
+    std::string text;
+    int requests = 0;
+    for (r.marker = 0; r.marker != 1 && requests < 100; ++requests) {
+        ASSERT_EQ(app.request_catalogue(CATALOGUE_JPG, text.size(), requests == 0), app::CLIENT_OK);
+        for (int i = 0; i < 2 && r.marker != 1; ++i) {
+            ASSERT_EQ(app.read_reply(r), app::CLIENT_OK) << "at offset " << text.size();
+            EXPECT_EQ(r.offset, text.size());
+            text.append(r.payload.begin(), r.payload.end());
         }
-        EXPECT_EQ(requests, (text.size() + packsize * blocks - 1) / (packsize * blocks));
-        Json parsed(cJSON_Parse(text.c_str()));
-        EXPECT_NE(parsed, nullptr) << text;
-        return parsed;
-    };
-    Json first = fetch(100, 3, false, CATALOGUE_ALL);
-    EXPECT_EQ(str(first.get(), "rootdir"), tree.location());
-    const cJSON* media = cJSON_GetObjectItem(first.get(), "media");
-    EXPECT_THAT(names(media),
-                UnorderedElementsAre("100MEDIA-IMG_0001.JPG", "100MEDIA-VID_0002.MP4"));
-    EXPECT_EQ(str(cJSON_GetObjectItem(entry(media, "100MEDIA-VID_0002.MP4"), "second"), "fileName"),
-              "100MEDIA-VID_0002.2nd");
-    ASSERT_EQ(app.ack_last_package(1), app::CLIENT_OK);
-    tree.add_files("101MEDIA", {"NEW.JPG"});
-    Json again = fetch(4096, 1, true, CATALOGUE_JPG);
-    EXPECT_THAT(names(cJSON_GetObjectItem(again.get(), "media")),
+    }
+    EXPECT_EQ(requests, static_cast<int>((text.size() + 79) / 80));
+    Json parsed(cJSON_Parse(text.c_str()));
+    EXPECT_THAT(names(cJSON_GetObjectItem(parsed.get(), "media")),
                 UnorderedElementsAre("0-100MEDIA-IMG_0001.JPG", "0-101MEDIA-NEW.JPG"));
 }
 
