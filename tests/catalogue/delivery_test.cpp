@@ -1,5 +1,5 @@
-// Delivery: built once, paged by offset with the marker rule, no packet when nothing is
-// left; and the request's wiring through the running server.
+// Delivery as the worker runs the catalogue task: built once, paged by offset with the
+// marker rule, no packet when nothing is left, ACK_FAILED when the print fails.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -13,14 +13,12 @@
 #include "app/client.h"
 #include "catalogue/catalogue_fixture.h"
 #include "core/packet.h"
-#include "support/test_server.h"
 
 namespace korvel {
 namespace {
 
 using namespace cataloguetest;
 using ::testing::ElementsAreArray;
-using ::testing::UnorderedElementsAre;
 using Seen = std::tuple<uint32_t, uint32_t, size_t>;  // marker, offset, length of a packet
 
 class DeliveryTest : public CatalogueTest {
@@ -34,9 +32,15 @@ protected:
         tree.add_files("100MEDIA", {"IMG_0001.JPG", "IMG_0001.thm", "VID_0002.MP4"});
     }
     void TearDown() override { close(serverFd); }
-    // One catalogue task, run synchronously; data payloads checked against the cached text.
+    // One catalogue task as the worker runs it; payloads checked against the cached text.
     std::vector<Seen> request(uint8_t marker, uint16_t type, uint32_t offset) {
-        ev->json_file_list_send(serverFd, marker, type, offset);
+        HandlerTask task;
+        task.type = TASK_CATALOGUE;
+        task.fd = serverFd;
+        task.marker = marker;
+        task.value = type;
+        task.offset = offset;
+        ev->process(task);
         std::vector<Seen> seen;
         struct pollfd p = {app.fd(), POLLIN, 0};
         for (got.clear(); poll(&p, 1, 0) > 0; got.push_back(reply)) {
@@ -84,6 +88,7 @@ TEST_F(DeliveryTest, BurstsFollowPacketSizeBlocksAndStreamPosition) {
 // The type of the first request marked 1 sticks; later types and card changes do not reach it.
 TEST_F(DeliveryTest, TheFirstCatalogueIsCached) {
     request(1, CATALOGUE_JPG, 0);
+    EXPECT_EQ(ev->catalogueType, CATALOGUE_JPG);
     const std::string first = ev->catalogueText;
     tree.add_files("101MEDIA", {"NEW.JPG"});
     EXPECT_THAT(request(1, CATALOGUE_MP4, 0), ElementsAreArray({Seen{1, 0, first.size()}}));
@@ -126,35 +131,6 @@ TEST_F(DeliveryTest, FailedPrintIsReportedAndTheNextRequestRetries) {
     EXPECT_EQ(ev->catalogueJson, nullptr);
     EXPECT_EQ(request(1, CATALOGUE_ALL, 0).size(), 1u);
     EXPECT_GT(ev->catalogueLen, 0u);
-}
-
-// Wiring through the running server: the type travels in the request's value, the offset
-// pages, and the storage-id location names the entries.
-TEST(CatalogueServerTest, PagedCatalogueOfTheRequestedTypeUnderAStorageIdLocation) {
-    testsupport::MediaTree tree;
-    tree.add_files("100MEDIA", {"IMG_0001.JPG", "VID_0002.MP4"});
-    tree.add_files("101MEDIA", {"NEW.JPG"});
-    testsupport::TestServer server(tree.card());
-    app::Client app;
-    app::Reply r;
-    ASSERT_EQ(app.connect_to("127.0.0.1", server.port()), app::CLIENT_OK);
-    ASSERT_EQ(app.configure(40, 2, "0", true), app::CLIENT_OK);
-    ASSERT_EQ(app.read_reply(r), app::CLIENT_OK);
-    ASSERT_EQ(r.ackCode, ACK_DONE);
-    std::string text;
-    int requests = 0;
-    for (r.marker = 0; r.marker != 1 && requests < 100; ++requests) {
-        ASSERT_EQ(app.request_catalogue(CATALOGUE_JPG, text.size(), requests == 0), app::CLIENT_OK);
-        for (int i = 0; i < 2 && r.marker != 1; ++i) {
-            ASSERT_EQ(app.read_reply(r), app::CLIENT_OK) << "at offset " << text.size();
-            EXPECT_EQ(r.offset, text.size());
-            text.append(r.payload.begin(), r.payload.end());
-        }
-    }
-    EXPECT_EQ(requests, static_cast<int>((text.size() + 79) / 80));
-    Json parsed(cJSON_Parse(text.c_str()));
-    EXPECT_THAT(names(cJSON_GetObjectItem(parsed.get(), "media")),
-                UnorderedElementsAre("0-100MEDIA-IMG_0001.JPG", "0-101MEDIA-NEW.JPG"));
 }
 
 }  // namespace
