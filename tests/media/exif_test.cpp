@@ -1,5 +1,5 @@
-// EXIF reader: where APP1 may sit, byte orders, value forms and cuts, header lines, and the
-// IFD1 thumbnail; files cut anywhere or pointing anywhere are never read outside.
+// EXIF reader: where APP1 may sit, byte orders, value forms, header lines and the IFD1
+// thumbnail; files cut anywhere or pointing anywhere are never read outside.
 #include "media/exif.h"
 
 #include <gtest/gtest.h>
@@ -27,8 +27,8 @@ struct Facts {  // the record's field sizes, so a write past one trips the sanit
     char maker[32], model[32], width[16], height[16], resUnit[16], colour[16];
     char* f[6] = {maker, model, width, height, resUnit, colour};
     explicit Facts(const char* fill = "") {
-        for (int i = 0; i < 6; ++i) {
-            strcpy(f[i], fill);
+        for (char* field : f) {
+            strcpy(field, fill);
         }
     }
     Texts texts() const { return Texts(f, f + 6); }
@@ -63,7 +63,6 @@ protected:
     int thumb(const std::string& bytes, uint32_t capacity = CAPACITY) {
         return exif_read_thumbnail(put(bytes).c_str(), buf.data(), capacity, &size);
     }
-    std::string got() const { return std::string(buf.begin(), buf.begin() + size); }
     bool untouched() const { return size == 7 && buf[0] == 0xAA && buf[CAPACITY - 1] == 0xAA; }
 };
 
@@ -83,7 +82,6 @@ TEST_F(Exif, App1IsReadFirstOrAfterAnEighteenByteApp0InBothByteOrders) {
             Facts x("keep");
             EXPECT_EQ(read(jpeg_file(photo), &x), 0);
             EXPECT_EQ(x.texts(), c.want) << be << " app0 " << c.app0 << " app1 " << c.app1;
-            EXPECT_EQ(out, "");
         }
     }
 }
@@ -95,9 +93,7 @@ TEST_F(Exif, ValuesAreReadByTheirTypeAndCutToTheField) {
         std::string want;
     } cases[] = {
         {exif_ascii(TAG_MAKE, "Kov"), 0, "Kov"},  // in the entry itself: text, not a number
-        {exif_ascii(TAG_MAKE, std::string(40, 'M')), 0, std::string(31, 'M')},
-        {exif_ascii(TAG_MODEL, std::string(2000, 'x')), 1, std::string(31, 'x')},
-        {exif_ascii(TAG_RES_UNIT, "12345678901234567890"), 4, "123456789012345"},
+        {exif_ascii(TAG_MODEL, std::string(40, 'x')), 1, std::string(31, 'x')},
         {exif_number(TAG_RES_UNIT, EXIF_BYTE, 200), 4, "200"},
         {exif_number(TAG_RES_UNIT, EXIF_SBYTE, 0xFF), 4, "-1"},
         {exif_number(TAG_RES_UNIT, EXIF_SHORT, 65535), 4, "65535"},
@@ -114,75 +110,52 @@ TEST_F(Exif, ValuesAreReadByTheirTypeAndCutToTheField) {
             photo.ifd0 = {c.entry};
             Facts x;
             EXPECT_EQ(read(jpeg_file(photo), &x), 0);
-            EXPECT_EQ(x.texts()[c.field], c.want) << "tag " << c.entry.tag << " be " << be;
+            EXPECT_EQ(x.texts()[c.field], c.want) << &c - cases << " be " << be;
         }
     }
 }
 
-TEST_F(Exif, BadEntriesAreSkippedAndTheWalkGoesOn) {
-    JpegPlan photo = camera_plan("Korvel", "KV-200", 640, 480);
-    photo.ifd0.insert(photo.ifd0.begin(), exif_raw(TAG_MAKE, 13, 1, 0));
-    photo.ifd0.insert(photo.ifd0.begin() + 2, exif_raw(TAG_MODEL, EXIF_ASCII, 8, 1u << 31));
-    Facts x;
-    EXPECT_EQ(read(jpeg_file(photo), &x), 0);
-    EXPECT_EQ(out, "wrong format type 13 \n");
-    EXPECT_EQ(x.texts(), CAMERA);
-}
-
-TEST_F(Exif, HeaderChecksPrintTheirLineAndFillNothing) {
+TEST_F(Exif, FailuresPrintTheirLineAndFillNothing) {
     JpegPlan photo = camera_plan("Korvel", "KV-200", 640, 480);
     photo.ifd0Offset = 16;  // the farthest IFD0 allowed
     const std::string good = exif_app1(photo).substr(2);
     struct Case {
         size_t at;
-        std::string bytes;
-        bool fails;
-        std::string line;
+        std::string bytes, line;
     } cases[] = {
-        {2, "Exig", true, "debug: not valid exif head E, x\n"},
-        {6, "X", true, "debug: not valid exif head E, x\n"},
-        {7, "X", false, ""},  // the second NUL is not looked at
-        {8, "IM", true, "debug: not valid endian 73, 77\n"},
-        {10, std::string("\x2B\0", 2), true, "debug: not valid fixed byte 43, 0\n"},
-        {10, std::string("\0\x2A", 2), true, "debug: not valid fixed byte 0, 42\n"},
-        {12, std::string("\x14\0\0\0", 4), true, ""},  // IFD0 at 20
-        {12, std::string("\x07\0\0\0", 4), true, ""},
-        {12, std::string("\0\0\0\x08", 4), true, ""},  // read little-endian: huge
+        {2, "Exig", "debug: not valid exif head E, x\n"},
+        {8, "IM", "debug: not valid endian 73, 77\n"},
+        {10, std::string("\x2B\0", 2), "debug: not valid fixed byte 43, 0\n"},
+        {12, std::string("\x14\0\0\0", 4), ""},  // IFD0 at 20
+        {12, std::string("\x07\0\0\0", 4), ""},
     };
     for (const Case& c : cases) {
         std::string seg = good;
         seg.replace(c.at, c.bytes.size(), c.bytes);
         Facts x("keep");
-        EXPECT_EQ(parse(seg, &x) != 0, c.fails) << c.at << " " << c.bytes;
+        EXPECT_NE(parse(seg, &x), 0) << c.at;
         EXPECT_EQ(out, c.line) << c.at;
-        EXPECT_EQ(x.texts(), c.fails ? KEPT : CAMERA) << c.at;
+        EXPECT_EQ(x.texts(), KEPT) << c.at;
     }
-    Facts x;
-    EXPECT_EQ(parse(std::string(), &x), -1);  // empty segment: identifier cannot match
+    Facts x("keep");
+    EXPECT_EQ(parse(good, &x), 0);
+    EXPECT_EQ(x.texts(), CAMERA);
     CaptureStdout();
     EXPECT_EQ(exif_parse_app1(nullptr, 100, x.f[0], x.f[1], x.f[2], x.f[3], x.f[4], x.f[5]), -1);
     EXPECT_EQ(GetCapturedStdout().rfind("debug: not valid input param ", 0), 0u);
-}
 
-TEST_F(Exif, ImplausibleApp1LengthsAndUnreadableFilesFail) {
-    JpegPlan photo = camera_plan("Korvel", "KV-200", 640, 480);
     std::string file = jpeg_file(photo);
-    for (uint16_t length : {uint16_t(0), uint16_t(1), uint16_t(file.size() + 2)}) {
-        std::string bad = file;
-        bad[app1_pos(photo) + 2] = char(length >> 8);
-        bad[app1_pos(photo) + 3] = char(length);
-        Facts x("keep");
-        EXPECT_EQ(read(bad, &x), -1);
-        EXPECT_EQ(out, "debug: metasize exceed: " + std::to_string(length) + "  " +
-                           std::to_string(file.size() + 1) + "\n");
-        EXPECT_EQ(x.texts(), KEPT);
-    }
-    Facts x("keep");
-    EXPECT_EQ(read("\xFF\xD9 not a jpeg", &x), -1);
-    EXPECT_EQ(read("", &x), -1);
+    file[app1_pos(photo) + 2] = char((file.size() + 2) >> 8);  // APP1 longer than the file
+    file[app1_pos(photo) + 3] = char(file.size() + 2);
+    EXPECT_EQ(read(file, &x), -1);
+    EXPECT_EQ(out, "debug: metasize exceed: " + std::to_string(file.size() + 2) + "  " +
+                       std::to_string(file.size() + 1) + "\n");
     EXPECT_EQ(read("", &x, tmp.file("none.JPG")), -1);
     EXPECT_EQ(out, "bad open file: " + tmp.file("none.JPG") + "\n");
-    EXPECT_EQ(x.texts(), KEPT);
+    photo.ifd0.insert(photo.ifd0.begin(), exif_raw(TAG_MAKE, 13, 1, 0));  // skipped, walk goes on
+    EXPECT_EQ(parse(exif_app1(photo).substr(2), &x), 0);
+    EXPECT_EQ(out, "wrong format type 13 \n");
+    EXPECT_EQ(x.texts(), CAMERA);
 }
 
 // Every prefix of a photo and counts that run past the data: the sanitizer builds check that
@@ -208,63 +181,42 @@ TEST_F(Exif, CutFilesAndRunawayCountsStayInside) {
     EXPECT_EQ(y.texts()[0], "");
 }
 
-TEST_F(Exif, ThumbnailIsCopiedWholeOnlyWhenItFits) {
-    std::string pattern(9000, '\0');  // every byte value
-    for (size_t i = 0; i < pattern.size(); ++i) {
-        pattern[i] = char(i * 7 + i / 256);
-    }
-    std::string file = jpeg_file(camera_plan("Korvel", "KV-200", 8, 8, small_jpeg()));
+TEST_F(Exif, ThumbnailIsCopiedWholeOnlyWhenItFitsAndLiesInside) {
+    JpegPlan photo = camera_plan("Korvel", "KV", 8, 8, small_jpeg());
+    photo.bigEndian = true;
+    photo.app0Bytes = 18;
+    std::string file = jpeg_file(photo);
     uint32_t n = uint32_t(small_jpeg().size());
     EXPECT_EQ(thumb(file, n - 1), -1);
     EXPECT_TRUE(untouched());
-    EXPECT_EQ(thumb(file, n), 0);
-    EXPECT_EQ(got(), small_jpeg());
-    for (bool be : {false, true}) {
-        for (size_t app0 : {size_t(0), size_t(18)}) {
-            JpegPlan photo = camera_plan("Korvel", "KV-200", 640, 480, pattern);
-            photo.bigEndian = be;
-            photo.app0Bytes = app0;
-            ASSERT_EQ(thumb(jpeg_file(photo)), 0) << be << " " << app0;
-            EXPECT_EQ(got(), pattern);
-        }
-    }
-}
 
-TEST_F(Exif, ThumbnailMissingCutOrPointingOutsideIsRefused) {
     auto with = [](std::vector<ExifEntry> ifd1) {
         JpegPlan s = camera_plan("Korvel", "KV", 8, 8);
         s.ifd1 = ifd1;
         return jpeg_file(s);
     };
-    JpegPlan photo = camera_plan("Korvel", "KV", 8, 8, small_jpeg());
-    std::string ifd0Far = jpeg_file(photo);
-    ifd0Far.replace(tiff_pos(photo) + 4, 4, "\xF0\xFF\xFF\x7F");
+    std::string ifd0Far = file;
+    ifd0Far.replace(tiff_pos(photo) + 4, 4, "\x7F\xFF\xFF\xF0");
     JpegPlan longer = photo;
     longer.app0Bytes = 30;
-    struct Case {
-        const char* what;
-        std::string file;
-    } cases[] = {
-        {"no IFD1", jpeg_file(camera_plan("Korvel", "KV", 8, 8))},
-        {"IFD1 without the thumbnail tags", with({exif_short(TAG_RES_UNIT, 2)})},
-        {"offset only", with({exif_long(TAG_THUMB_OFFSET, 8)})},
-        {"length only", with({exif_long(TAG_THUMB_LENGTH, 8)})},
-        {"offset far outside",
-         with({exif_long(TAG_THUMB_OFFSET, 0xFFFFFFF0u), exif_long(TAG_THUMB_LENGTH, 100)})},
-        {"length past the end",
-         with({exif_long(TAG_THUMB_OFFSET, 8), exif_long(TAG_THUMB_LENGTH, 5000)})},
-        {"IFD0 far outside", ifd0Far},
-        {"longer APP0", jpeg_file(longer)},
-        {"not a JPEG", "GIF89a and more bytes than a header"},
+    const std::string cases[] = {
+        jpeg_file(camera_plan("Korvel", "KV", 8, 8)),  // no IFD1
+        with({exif_long(TAG_THUMB_OFFSET, 8)}),        // offset only
+        with({exif_long(TAG_THUMB_OFFSET, 0xFFFFFFF0u), exif_long(TAG_THUMB_LENGTH, 100)}),
+        with({exif_long(TAG_THUMB_OFFSET, 8), exif_long(TAG_THUMB_LENGTH, 5000)}),
+        ifd0Far,
+        jpeg_file(longer),
+        "GIF89a and more bytes than a header",
     };
-    for (const Case& c : cases) {
-        EXPECT_EQ(thumb(c.file), -1) << c.what;
-        EXPECT_TRUE(untouched()) << c.what;
+    for (const std::string& bad : cases) {
+        EXPECT_EQ(thumb(bad), -1) << &bad - cases;
+        EXPECT_TRUE(untouched()) << &bad - cases;
     }
-    std::string file = jpeg_file(photo);
+    EXPECT_EQ(thumb(file, n), 0);
+    EXPECT_EQ(std::string(buf.begin(), buf.begin() + size), small_jpeg());
     size_t thumbEnd = file.find(small_jpeg()) + small_jpeg().size();
-    for (size_t n = 0; n <= file.size(); ++n) {
-        EXPECT_EQ(thumb(file.substr(0, n)), n >= thumbEnd ? 0 : -1) << n;
+    for (size_t cut = 0; cut <= file.size(); ++cut) {
+        EXPECT_EQ(thumb(file.substr(0, cut)), cut >= thumbEnd ? 0 : -1) << cut;
     }
     testing::internal::CaptureStderr();
     EXPECT_EQ(exif_read_thumbnail(nullptr, buf.data(), CAPACITY, &size), -1);
