@@ -30,7 +30,6 @@ TEST_F(Config, WordsDecodeIntoParametersAndTheBurstLimitIs200MiB) {
         {0x7FFF0200, 0xFFFF0008, 0, 32767, 512, 8, ACK_DONE},  // high block bits ignored
         {0x0000FFFF, 3200, 0, 0, 65535, 3200, ACK_DONE},       // 209,712,000 bytes
         {0x0000FFFF, 3201, 0, 0, 65535, 3201, ACK_TOO_LARGE},  // kept although refused
-        {0, 0, 0, 0, 0, 0, ACK_DONE},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.blocks);
@@ -88,37 +87,29 @@ TEST_F(Config, LocationTextsAllLeadToTheCard) {
 
 using Names = TransferTest;
 
-enum Mode { DEFAULT, BY_POSTFIX, EMPTY_POSTFIX, UNCONFIGURED };
+enum Mode { DEFAULT, BY_POSTFIX, EMPTY_POSTFIX };
 
 TEST_F(Names, ResolveInEachLocationMode) {
     struct Case {
         Mode mode;
-        const char *name, *file, *dir;  // file null: refused
+        const char *name, *file;  // file null: refused
     } cases[] = {
-        {DEFAULT, "100MEDIA-A-B.MP4", "A-B.MP4", "/100MEDIA"},
-        {DEFAULT, "0-100MEDIA-X.JPG", "100MEDIA-X.JPG", "/0"},  // no prefix expected
-        {BY_POSTFIX, "0-100MEDIA-IMG_0001.JPG", "IMG_0001.JPG", "/100MEDIA"},
-        {BY_POSTFIX, "card-100MEDIA-IMG_0001.JPG", "IMG_0001.JPG", "/100MEDIA"},
-        {BY_POSTFIX, "05-100MEDIA-X.JPG", "X.JPG", "/100MEDIA"},  // leading characters
-        {BY_POSTFIX, "1-100MEDIA-IMG_0001.JPG", nullptr, nullptr},
-        {BY_POSTFIX, "car-100MEDIA-X.JPG", nullptr, nullptr},
-        {BY_POSTFIX, "0100MEDIAX.JPG", nullptr, nullptr},
-        {EMPTY_POSTFIX, "zz-100MEDIA-X.JPG", "X.JPG", "/100MEDIA"},
-        {EMPTY_POSTFIX, "nodash", nullptr, nullptr},
-        {UNCONFIGURED, "100MEDIA-X.JPG", "X.JPG", "/100MEDIA"},
+        {DEFAULT, "100MEDIA-A-B.MP4", "A-B.MP4"},
+        {BY_POSTFIX, "0-100MEDIA-IMG_0001.JPG", "IMG_0001.JPG"},
+        {BY_POSTFIX, "card-100MEDIA-IMG_0001.JPG", "IMG_0001.JPG"},
+        {BY_POSTFIX, "1-100MEDIA-IMG_0001.JPG", nullptr},  // neither the id nor the postfix
+        {BY_POSTFIX, "0100MEDIAX.JPG", nullptr},           // no location field
+        {EMPTY_POSTFIX, "zz-100MEDIA-X.JPG", "X.JPG"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         eb.reset(new CEventBase);
-        if (c.mode != UNCONFIGURED) {
-            std::string text = c.mode == BY_POSTFIX ? card + "/" : c.mode == DEFAULT ? "" : "7";
-            ASSERT_EQ(configure(4096, 1, text, c.mode != DEFAULT), ACK_DONE);
-        }
+        std::string text = c.mode == BY_POSTFIX ? card + "/" : c.mode == DEFAULT ? "" : "7";
+        ASSERT_EQ(configure(4096, 1, text, c.mode != DEFAULT), ACK_DONE);
         std::string file = "untouched", dir = "untouched";
         EXPECT_EQ(eb->get_abs_file_dir(c.name, file, dir), c.file ? 0 : -1);
         EXPECT_EQ(file, c.file ? c.file : "untouched");
-        std::string root = c.mode == UNCONFIGURED ? "" : location;
-        EXPECT_EQ(dir, c.file ? root + c.dir : "untouched");
+        EXPECT_EQ(dir, c.file ? location + "/100MEDIA" : "untouched");
     }
 }
 

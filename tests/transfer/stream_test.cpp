@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -25,20 +24,6 @@ protected:
         TransferTest::SetUp();
         add("CLIP.MP4", data);
     }
-    // Packets of 4096 bytes but the last, header offsets from `first` on; the bytes come from
-    // file offset mapoff + header offset (mapoff 0 for a thumbnail).
-    void expect_burst(const Replies& r, const std::vector<uint32_t>& markers, uint32_t first,
-                      size_t lastSize, uint32_t msgType = 3) {
-        ASSERT_EQ(r.size(), markers.size());
-        for (size_t i = 0; i < r.size(); ++i) {
-            uint32_t at = first + 4096 * static_cast<uint32_t>(i);
-            size_t n = i + 1 == r.size() ? lastSize : 4096;
-            EXPECT_EQ(std::make_tuple(r[i].reqType, r[i].msgType, r[i].marker, r[i].offset),
-                      std::make_tuple(0u, msgType, markers[i], at))
-                << i;
-            EXPECT_EQ(bytes_of(r[i]), data.substr(eb->mapoff + at, n)) << i;
-        }
-    }
 };
 
 // One open file, requests in this order: the region moves only when a request leaves it.
@@ -47,22 +32,23 @@ TEST_F(Stream, RequestsWalkTheFileWithMarkersAndRegionOffsets) {
     struct Case {
         uint32_t offset, length, msgType;
         std::vector<uint32_t> markers;
-        uint32_t first, lastSize, readOffset, mapoff;
+        uint32_t first, bytes, readOffset, mapoff;
     } cases[] = {
         {5000, 3000, 3, {3}, 5000, 3000, 8000, 0},  // inside the region mapped on download
         {20000, 3000, 3, {3}, 3616, 3000, 23000, 16384},
-        {17000, 0, 3, {2, 2, 2, 2}, 616, 4096, 33384, 16384},
-        {0, 0, 3, {0, 0, 0, 2}, 0, 4096, 16384, 0},
-        {16384, 0, 3, {2, 2, 2, 2}, 0, 4096, 32768, 16384},
-        {32768, 0, 6, {2, 3}, 0, 3136, 40000, 32768},
+        {17000, 0, 3, {2, 2, 2, 2}, 616, 16384, 33384, 16384},
+        {0, 0, 3, {0, 0, 0, 2}, 0, 16384, 16384, 0},
+        {16384, 0, 3, {2, 2, 2, 2}, 0, 16384, 32768, 16384},
+        {32768, 0, 6, {2, 3}, 0, 7232, 40000, 32768},
         {40000, 0, 3, {}, 0, 0, 40000, 32768},  // nothing left: no packet, no reply
         {0, 1000, 3, {1}, 0, 1000, 1000, 0},
-        {1000, 8192, 6, {2, 3}, 1000, 4096, 9192, 0},
+        {1000, 8192, 6, {2, 3}, 1000, 8192, 9192, 0},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(std::to_string(c.offset) + "+" + std::to_string(c.length));
-        expect_burst(chunk(c.offset, c.length, static_cast<uint8_t>(c.msgType)), c.markers, c.first,
-                     c.lastSize, c.msgType);
+        Replies r = chunk(c.offset, c.length, static_cast<uint8_t>(c.msgType));
+        EXPECT_EQ(burst(r, c.msgType, c.markers, c.first),
+                  data.substr(c.mapoff + c.first, c.bytes));
         EXPECT_EQ(eb->readOffset, c.readOffset);
         EXPECT_EQ(eb->mapoff, c.mapoff);
     }
@@ -117,26 +103,16 @@ TEST_F(Stream, ThumbnailStreamsFromTheJpegUntilItsEnd) {
         SCOPED_TRACE(c.offset);
         eb->readOffset = c.readOffset;
         eb->transfer_thumbnail_data(sv[0], c.offset);
-        expect_burst(replies(), c.markers, c.offset, 808);
+        EXPECT_EQ(burst(replies(), 3, c.markers, c.offset), data.substr(c.offset));
         EXPECT_EQ(eb->readOffset, c.readOffset);
     }
 }
 
 TEST_F(Stream, DownloadWaitsForARunningStreamThenGivesUp) {
-    std::atomic<bool> holding{false}, done{false};
-    std::thread stream([&] {  // stands in for a chunk stream holding the region
-        std::lock_guard<std::mutex> region(eb->regionMutex);
-        holding = true;
-        while (!done) {
-            usleep(1000);
-        }
-    });
-    while (!holding) {
-        usleep(1000);
-    }
-    EXPECT_EQ(answer(download("100MEDIA-CLIP.MP4"), 2), ACK_FAILED);
-    done = true;
-    stream.join();
+    std::unique_lock<std::mutex> region(eb->regionMutex);  // as a running chunk stream holds it
+    std::thread main([&] { EXPECT_EQ(answer(download("100MEDIA-CLIP.MP4"), 2), ACK_FAILED); });
+    main.join();
+    region.unlock();
     EXPECT_EQ(answer(download("100MEDIA-CLIP.MP4"), 2), 40000u);
 }
 

@@ -28,9 +28,9 @@ using Replies = std::vector<app::Reply>;
 // Differs at every offset, so bytes from the wrong place never match by accident.
 inline std::string pattern(size_t n, uint32_t seed = 1) {
     std::string s(n, '\0');
-    for (size_t i = 0; i < n; ++i) {
+    for (char& c : s) {
         seed = seed * 1103515245u + 12345u;
-        s[i] = static_cast<char>(seed >> 16);
+        c = static_cast<char>(seed >> 16);
     }
     return s;
 }
@@ -39,21 +39,32 @@ inline std::string bytes_of(const app::Reply& r) {
     return std::string(r.payload.begin(), r.payload.end());
 }
 
-// The one reply a request got: an acknowledgement's code, or the little-endian value a
-// 4-byte data reply (the size reply) carries.
+// The bytes of a burst: packets of 4096 bytes but the last, header offsets from `first` on.
+inline std::string burst(const Replies& r, uint32_t msgType, const std::vector<uint32_t>& markers,
+                         uint32_t first = 0) {
+    EXPECT_EQ(r.size(), markers.size());
+    std::string text;
+    for (size_t i = 0; i < r.size() && i < markers.size(); ++i) {
+        bool full = i + 1 == r.size() || r[i].payload.size() == 4096;
+        EXPECT_EQ(std::make_tuple(r[i].reqType, r[i].msgType, r[i].marker, r[i].offset, full),
+                  std::make_tuple(0u, msgType, markers[i], first + 4096 * uint32_t(i), true))
+            << i;
+        text += bytes_of(r[i]);
+    }
+    return text;
+}
+
+// The one reply a request got: an acknowledgement's code, or the little-endian size reply.
 inline uint32_t answer(const Replies& r, uint32_t msgType, uint32_t marker = 1) {
     if (r.size() != 1 || (r[0].reqType == 0 && r[0].payload.size() != 4)) {
         ADD_FAILURE() << "expected one acknowledgement or size, got " << r.size() << " replies";
         return 0;
     }
-    EXPECT_EQ(std::make_tuple(r[0].msgType, r[0].marker, r[0].offset),
-              std::make_tuple(msgType, marker, 0u));
-    if (r[0].reqType == 1) {
-        EXPECT_EQ(std::make_tuple(r[0].ackFlag, r[0].ackValue), std::make_tuple(1u, 0u));
-        return r[0].ackCode;
-    }
+    EXPECT_EQ(std::make_tuple(r[0].msgType, r[0].marker, r[0].offset, r[0].ackFlag, r[0].ackValue),
+              std::make_tuple(msgType, marker, 0u, r[0].reqType, 0u));
     const std::vector<uint8_t>& b = r[0].payload;
-    return b[0] | b[1] << 8 | b[2] << 16 | static_cast<uint32_t>(b[3]) << 24;
+    return r[0].reqType == 1 ? r[0].ackCode
+                             : b[0] | b[1] << 8 | b[2] << 16 | static_cast<uint32_t>(b[3]) << 24;
 }
 
 class TransferTest : public ::testing::Test {
@@ -71,9 +82,6 @@ protected:
         testing_seam::set_sd_root(card.c_str());
         testing_seam::set_capability_path(capPath.c_str());
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-        int big = 4 << 20;  // whole bursts fit, so handlers never wait on the test thread
-        setsockopt(sv[0], SOL_SOCKET, SO_SNDBUF, &big, sizeof big);
-        setsockopt(sv[1], SOL_SOCKET, SO_RCVBUF, &big, sizeof big);
         peer.adopt_fd(dup(sv[1]));
         eb.reset(new CEventBase);
         ASSERT_EQ(configure(4096, 4), ACK_DONE);
@@ -88,13 +96,11 @@ protected:
         Replies out;
         pollfd pfd{sv[1], POLLIN, 0};
         while (poll(&pfd, 1, 20) > 0) {
-            app::Reply r;
-            if (peer.read_reply(r, 1000) != app::CLIENT_OK) {
+            out.emplace_back();
+            if (peer.read_reply(out.back(), 1000) != app::CLIENT_OK || !out.back().crcOk) {
                 ADD_FAILURE() << "unreadable reply";
                 break;
             }
-            EXPECT_TRUE(r.crcOk);
-            out.push_back(r);
         }
         return out;
     }
@@ -107,10 +113,9 @@ protected:
         p.unpackHeader();
         if (msgType == 17) {
             eb->process_data_file_config(sv[0], p);
-        } else if (msgType == 2) {
-            eb->process_data_file_download(sv[0], p);
         } else {
-            eb->process_data_file_metadata(sv[0], p);
+            (eb.get()->*(msgType == 2 ? &CEventBase::process_data_file_download
+                                      : &CEventBase::process_data_file_metadata))(sv[0], p);
         }
         return replies();
     }
@@ -125,9 +130,8 @@ protected:
         eb->transfer_file_data(sv[0], msgType, offset, length);
         return replies();
     }
-    std::string add(const std::string& name, const std::string& bytes) {
+    void add(const std::string& name, const std::string& bytes) {
         write_file(location + "/100MEDIA/" + name, bytes);
-        return location + "/100MEDIA/" + name;
     }
 };
 
