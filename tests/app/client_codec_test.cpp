@@ -1,9 +1,10 @@
-// The client library's codec: the worked example bytes, the checksum's coverage, the
-// configuration payload, and read_reply over a stream the test writes itself.
+// The client library's codec: worked example bytes, checksum coverage, the configuration
+// payload, and read_reply over a stream the test writes itself.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,10 +16,9 @@ namespace {
 
 std::vector<uint8_t> hex(const char* text) {
     std::vector<uint8_t> out;
-    for (const char* p = text; *p != '\0'; p += *p == ' ' ? 1 : 2) {
-        if (*p != ' ') {
-            out.push_back(static_cast<uint8_t>(std::stoi(std::string(p, 2), nullptr, 16)));
-        }
+    std::istringstream in(text);
+    for (unsigned b = 0; in >> std::hex >> b;) {
+        out.push_back(static_cast<uint8_t>(b));
     }
     return out;
 }
@@ -28,18 +28,15 @@ const char* const QUIT_ACK =
 const char* const SIZE_REPLY =
     "22 00 00 05 00 01 23 45 00 00 00 00 00 00 00 04 00 0f 42 40 00 00 10 00 0e 87 1e ee";
 
-// The ack word of a control packet enters the checksum reversed, a data payload as it stands.
-TEST(ClientCodec, EncodesTheWorkedExamplesByteForByte) {
-    uint8_t word[4] = {0x80, 0x00, 0xfb, 0x00};
-    EXPECT_EQ(encode_packet(1, 1, 7, 5, 0x12345, 0, 1000000, word, 4), hex(QUIT_ACK));
-    uint8_t size[4] = {0x00, 0x00, 0x10, 0x00};
-    EXPECT_EQ(encode_packet(0, 1, 2, 5, 0x12345, 0, 1000000, size, 4), hex(SIZE_REPLY));
+// The ack word of a control packet enters the checksum reversed, a data payload as it stands;
+// a location longer than its 1024-byte field is cut there and never spills into the words.
+TEST(ClientCodec, EncodesTheWorkedExamplesAndTheConfigurationPayload) {
+    EXPECT_EQ(encode_packet(1, 1, 7, 5, 0x12345, 0, 1000000, hex("80 00 fb 00").data(), 4),
+              hex(QUIT_ACK));
+    EXPECT_EQ(encode_packet(0, 1, 2, 5, 0x12345, 0, 1000000, hex("00 00 10 00").data(), 4),
+              hex(SIZE_REPLY));
     EXPECT_EQ(packet_crc(hex(QUIT_ACK).data(), 4), 0xAFFC0928u);
     EXPECT_EQ(packet_crc(hex(SIZE_REPLY).data(), 4), 0x0E871EEEu);
-}
-
-// A location longer than its 1024-byte field is cut there and never spills into the words.
-TEST(ClientCodec, ConfigurationPayloadCutsALongLocation) {
     std::vector<uint8_t> p = build_config_payload(512, 1, std::string(1500, 'x'), true, 3);
     ASSERT_EQ(p.size(), 1032u);
     EXPECT_EQ(p[1023], 'x');
@@ -84,20 +81,19 @@ TEST_F(Wired, ReadReplyFlagsCorruptionRefusesImpossibleLengthsAndSeesTheClose) {
     EXPECT_EQ(c.read_reply(r, 1000), CLIENT_CLOSED);
 }
 
-TEST_F(Wired, RequestsCarryPeerSeqAndLittleEndianChunkLength) {
+// The sequence number wraps within its 24 bits; a chunk length travels little-endian.
+TEST_F(Wired, ChunkRequestCarriesPeerWrappedSeqAndLittleEndianLength) {
     c.peerID = 0xFFFFFFFF;
-    c.seqNO = 0xFFFFFF;  // the next one wraps to 0
+    c.seqNO = 0xFFFFFF;
     ASSERT_EQ(c.request_chunk(20000, 4096, 3), CLIENT_OK);
     ASSERT_EQ(c.ack_last_package(3), CLIENT_OK);
     std::vector<uint8_t> b(56);
     ASSERT_EQ(read(sv[1], b.data(), b.size()), 56);
-    b.erase(b.begin() + 16, b.begin() + 20);  // the chunk request's timestamp
-    EXPECT_EQ(std::vector<uint8_t>(b.begin(), b.begin() + 20),
-              hex("23 ff ff ff ff ff ff ff 00 00 4e 20 00 00 00 04 00 10 00 00"));
-    EXPECT_EQ(std::vector<uint8_t>(b.begin() + 24, b.begin() + 28), hex("e0 00 00 00"));
-    EXPECT_EQ(std::vector<uint8_t>(b.begin() + 44, b.begin() + 48), hex("80 00 fb 04"));
-    EXPECT_EQ(packet_crc(&b[24], 4),
-              static_cast<uint32_t>(b[48] << 24 | b[49] << 16 | b[50] << 8 | b[51]));
+    b.erase(b.begin() + 24, b.begin() + 28);  // the chunk request's checksum
+    b.erase(b.begin() + 16, b.begin() + 20);  // and its timestamp
+    EXPECT_EQ(std::vector<uint8_t>(b.begin(), b.begin() + 24),
+              hex("23 ff ff ff ff ff ff ff 00 00 4e 20 00 00 00 04 00 10 00 00 e0 00 00 00"));
+    EXPECT_EQ(std::vector<uint8_t>(b.begin() + 40, b.begin() + 44), hex("80 00 fb 04"));
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The delete request run as the worker runs it: replies read from a socketpair, queued paths
-// read from a deleter that is never started, trace lines from captured standard output.
+// The delete request as the worker runs it: replies over a socketpair, queued paths in a
+// deleter never started, trace lines from captured standard output.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -68,8 +68,7 @@ protected:
         struct pollfd pfd = {sv[1], POLLIN, 0};
         while (poll(&pfd, 1, 0) > 0 && p.readFrom(sv[1]) > 0) {
             EXPECT_EQ(p.getReqType() << 16 | p.getMarker() << 8 | p.getMsgType(), 0x10101u);
-            EXPECT_EQ(p.getOffset() | p.getAckValue(), 0u);
-            EXPECT_EQ(p.getAckFlag(), 1u);
+            EXPECT_EQ(p.getOffset() | p.getAckValue() | p.getAckFlag() << 16, 0x10000u);
             codes.push_back(static_cast<uint16_t>(p.getAckCode()));
         }
         return codes;
@@ -80,9 +79,6 @@ protected:
         for (const std::string& n : names) {
             testsupport::write_file(in_media(n), n);
         }
-    }
-    std::vector<std::string> queued_paths() const {
-        return {queued.pendingNames.begin(), queued.pendingNames.end()};
     }
 
     testsupport::TempDir tmp;
@@ -115,8 +111,8 @@ TEST_F(DeleteRequestTest, CompanionsFollowTheirPhotoOrVideoAndOtherNamesAreSkipp
     EXPECT_EQ(testsupport::read_file(held("VID_0002.2nd")), "VID_0002.2nd");
     EXPECT_EQ(entries_in(dcim + "/tmp_delete"), 3u);
     // A missing .2nd is still queued; the deleter passes over it.
-    EXPECT_THAT(queued_paths(), ElementsAre(held("VID_0002.mp4"), held("VID_0002.2nd"),
-                                            held("CLIP.MOV"), held("CLIP.2nd")));
+    EXPECT_THAT(queued.pendingNames, ElementsAre(held("VID_0002.mp4"), held("VID_0002.2nd"),
+                                                 held("CLIP.MOV"), held("CLIP.2nd")));
     EXPECT_EQ(count_of(out, "move: \\[json_file_delete:1114\\]cost time \\d+ms\n"), 1u) << out;
 }
 
@@ -142,7 +138,7 @@ TEST_F(DeleteRequestTest, UncreatableHoldingDirGivesBadLocationAndUnlinksAtOnce)
     EXPECT_THAT(acks, ElementsAre(ACK_DONE, ACK_BAD_LOCATION));
     EXPECT_EQ(entries_in(media), 0u);
     EXPECT_FALSE(exists(dcim + "/tmp_delete"));
-    EXPECT_THAT(queued_paths(), IsEmpty());
+    EXPECT_THAT(queued.pendingNames, IsEmpty());
     EXPECT_EQ(count_of(out, "mkdir tmp_delete failed: Permission denied"), 10u) << out;
 }
 
@@ -172,7 +168,7 @@ TEST_F(DeleteRequestTest, NothingOffTheLocationIsRenamedOrUnlinked) {
     for (const std::string& s : sentinels) {
         EXPECT_EQ(testsupport::read_file(s), "keep") << s;
     }
-    EXPECT_THAT(queued_paths(), IsEmpty());
+    EXPECT_THAT(queued.pendingNames, IsEmpty());
 }
 
 }  // namespace
