@@ -1,7 +1,5 @@
-// korvel-app's commands and the Wireshark dissector, end to end against the real server loop
-// on a free port with the card in a temporary directory.
-#include "app/tool.h"
-
+// The client codec over a socketpair, then korvel-app's commands and the Wireshark dissector
+// end to end against the real server loop, the card in a temporary directory.
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <stdio.h>
@@ -13,12 +11,96 @@
 #include <string>
 #include <vector>
 
+#include "app/tool.h"
+#include "core/packet.h"
 #include "support/shell.h"
 #include "support/temp_dir.h"
 #include "support/test_server.h"
 
-namespace korvel::apptest {
+namespace korvel::app {
 namespace {
+
+std::vector<uint8_t> hex(const char* text) {
+    std::vector<uint8_t> out;
+    std::istringstream in(text);
+    for (unsigned b = 0; in >> std::hex >> b;) {
+        out.push_back(static_cast<uint8_t>(b));
+    }
+    return out;
+}
+
+const char* const QUIT_ACK =
+    "a7 00 00 05 00 01 23 45 00 00 00 00 00 00 00 04 00 0f 42 40 80 00 fb 00 af fc 09 28";
+const char* const SIZE_REPLY =
+    "22 00 00 05 00 01 23 45 00 00 00 00 00 00 00 04 00 0f 42 40 00 00 10 00 0e 87 1e ee";
+
+// The ack word of a control packet enters the checksum reversed, a data payload as it stands;
+// a location longer than its 1024-byte field is cut there and never spills into the words.
+TEST(ClientCodec, EncodesTheWorkedExamplesAndTheConfigurationPayload) {
+    EXPECT_EQ(encode_packet(1, 1, 7, 5, 0x12345, 0, 1000000, hex("80 00 fb 00").data(), 4),
+              hex(QUIT_ACK));
+    EXPECT_EQ(encode_packet(0, 1, 2, 5, 0x12345, 0, 1000000, hex("00 00 10 00").data(), 4),
+              hex(SIZE_REPLY));
+    EXPECT_EQ(packet_crc(hex(QUIT_ACK).data(), 4), 0xAFFC0928u);
+    EXPECT_EQ(packet_crc(hex(SIZE_REPLY).data(), 4), 0x0E871EEEu);
+    std::vector<uint8_t> p = build_config_payload(512, 1, std::string(1500, 'x'), true, 3);
+    ASSERT_EQ(p.size(), 1032u);
+    EXPECT_EQ(p[1023], 'x');
+    EXPECT_EQ(std::vector<uint8_t>(p.begin() + 1024, p.end()), hex("80 03 02 00 00 00 00 01"));
+}
+
+// A client on one end of a socketpair; the test plays the server on the other, sv[1].
+struct Wired : ::testing::Test {
+    void SetUp() override {
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+        c.adopt_fd(sv[0]);
+    }
+    void TearDown() override { close(sv[1]); }
+    void put(const std::vector<uint8_t>& b) {
+        ASSERT_EQ(write(sv[1], b.data(), b.size()), ssize_t(b.size()));
+    }
+    int sv[2] = {-1, -1};
+    Client c;
+    Reply r;
+};
+
+TEST_F(Wired, ReadReplyFlagsCorruptionRefusesImpossibleLengthsAndSeesTheClose) {
+    std::vector<uint8_t> bad = hex(SIZE_REPLY);
+    bad[22] ^= 0x01;
+    put(bad);
+    put(hex(QUIT_ACK));
+    ASSERT_EQ(c.read_reply(r, 1000), CLIENT_OK);
+    EXPECT_FALSE(r.crcOk);
+    ASSERT_EQ(c.read_reply(r, 1000), CLIENT_OK);  // still in step after the bad one
+    EXPECT_TRUE(r.crcOk && r.msgType == 7u);
+    // Data over 65536 bytes; a control packet with no ack word; one with two words.
+    for (auto [reqType, len] : {std::pair<uint32_t, uint32_t>{0, 65537}, {1, 0}, {1, 8}}) {
+        std::vector<uint8_t> h = encode_packet(reqType, 1, 0, 1, 1, 0, 0, nullptr, 0);
+        for (int i = 0; i < 4; ++i) {
+            h[12 + i] = static_cast<uint8_t>(len >> (24 - 8 * i));
+        }
+        put({h.begin(), h.begin() + 20});
+        EXPECT_EQ(c.read_reply(r, 1000), CLIENT_BAD_PACKET) << reqType << "/" << len;
+    }
+    put({0xa7, 0, 0});  // a packet cut short, then the close
+    shutdown(sv[1], SHUT_WR);
+    EXPECT_EQ(c.read_reply(r, 1000), CLIENT_CLOSED);
+}
+
+// The sequence number wraps within its 24 bits; a chunk length travels little-endian.
+TEST_F(Wired, ChunkRequestCarriesPeerWrappedSeqAndLittleEndianLength) {
+    c.peerID = 0xFFFFFFFF;
+    c.seqNO = 0xFFFFFF;
+    ASSERT_EQ(c.request_chunk(20000, 4096, 3), CLIENT_OK);
+    ASSERT_EQ(c.ack_last_package(3), CLIENT_OK);
+    std::vector<uint8_t> b(56);
+    ASSERT_EQ(read(sv[1], b.data(), b.size()), 56);
+    b.erase(b.begin() + 24, b.begin() + 28);  // the chunk request's checksum
+    b.erase(b.begin() + 16, b.begin() + 20);  // and its timestamp
+    EXPECT_EQ(std::vector<uint8_t>(b.begin(), b.begin() + 24),
+              hex("23 ff ff ff ff ff ff ff 00 00 4e 20 00 00 00 04 00 10 00 00 e0 00 00 00"));
+    EXPECT_EQ(std::vector<uint8_t>(b.begin() + 40, b.begin() + 44), hex("80 00 fb 04"));
+}
 
 using testsupport::exists;
 using testsupport::read_file;
@@ -39,7 +121,7 @@ ToolRun run_tool(std::vector<std::string> words) {
     size_t len = 0;
     FILE* out = open_memstream(&buf, &len);
     ToolRun r;
-    r.rc = app::tool_main(static_cast<int>(words.size()), argv.data(), out, out);
+    r.rc = tool_main(static_cast<int>(words.size()), argv.data(), out, out);
     fclose(out);
     r.out.assign(buf, len);
     free(buf);
@@ -129,18 +211,18 @@ TEST_F(Tool, EachOutcomeHasItsOwnExitCodeAndMessage) {
         int rc;
         const char* text;
     } cases[] = {
-        {{"get", "100MEDIA-NOPE.JPG", "-o", outDir}, app::EXIT_NOT_FOUND, "not found"},
-        {{"get", "100MEDIA-EMPTY.MP4", "-o", outDir}, app::EXIT_FAILED, "failed"},
-        {{"thumb", "100MEDIA-NOPE.MP4", "-o", outDir + "/t"}, app::EXIT_NOT_FOUND, "not found"},
-        {{"config", "--packsize", "65535", "--blocks", "3201"}, app::EXIT_TOO_LARGE, "too large"},
+        {{"get", "100MEDIA-NOPE.JPG", "-o", outDir}, EXIT_NOT_FOUND, "not found"},
+        {{"get", "100MEDIA-EMPTY.MP4", "-o", outDir}, EXIT_FAILED, "failed"},
+        {{"thumb", "100MEDIA-NOPE.MP4", "-o", outDir + "/t"}, EXIT_NOT_FOUND, "not found"},
+        {{"config", "--packsize", "65535", "--blocks", "3201"}, EXIT_TOO_LARGE, "too large"},
         {{"config", "--packsize", "65535", "--blocks", "3200"}, 0, ""},
         {{"meta", "100MEDIA-IMG_0001.JPG"}, 0, "\"filename\":\t\"100MEDIA-IMG_0001.JPG\""},
         {{"rm", "100MEDIA-IMG_0001.JPG", "..-x.JPG"},
-         app::EXIT_BAD_NAME,
+         EXIT_BAD_NAME,
          "ack: done (0xFB00)\nack: bad name (0xFB09)\n"},
         {{"pos"}, 0, "position: 4096\n"},
         {{"cap", "-o", outDir + "/c"}, 0, ""},
-        {{"frobnicate"}, app::EXIT_USAGE, "unknown command"},
+        {{"frobnicate"}, EXIT_USAGE, "unknown command"},
     };
     for (const auto& c : cases) {
         ToolRun r = tool(c.args);
@@ -156,19 +238,19 @@ TEST_F(Tool, EachOutcomeHasItsOwnExitCodeAndMessage) {
 TEST_F(Tool, DeletingAVideoMidDownloadLeavesItsStreamIntact) {
     put("V.MP4", pattern_bytes(40000, 7));
     start();
-    app::Client c;
-    app::Reply r;
+    Client c;
+    Reply r;
     std::string got, held = card + "/DCIM/tmp_delete/V.MP4";
     auto burst = [&](uint32_t off) {
-        ASSERT_EQ(c.ctrl(3, off), app::CLIENT_OK);
-        for (int i = 0; i < 2 && c.read_reply_of(3, r) == app::CLIENT_OK; ++i) {
+        ASSERT_EQ(c.ctrl(3, off), CLIENT_OK);
+        for (int i = 0; i < 2 && c.read_reply_of(3, r) == CLIENT_OK; ++i) {
             got.append(r.payload.begin(), r.payload.end());
         }
     };
     ASSERT_TRUE(c.connect_to("127.0.0.1", server->port()) == 0 && c.configure(4096, 2) == 0 &&
                 c.request_download("100MEDIA-V.MP4") == 0);
     burst(0);
-    ASSERT_EQ(c.request_delete(R"({"media":["100MEDIA-V.MP4"]})"), app::CLIENT_OK);
+    ASSERT_EQ(c.request_delete(R"({"media":["100MEDIA-V.MP4"]})"), CLIENT_OK);
     for (int i = 0; i < 500 && (exists(media + "/V.MP4") || exists(held)); ++i) {
         usleep(10000);
     }
@@ -187,9 +269,9 @@ TEST(ToolConnection, SilentAndRefusedServersExitDistinctly) {
                   getsockname(lst, reinterpret_cast<sockaddr*>(&a), &len),
               0);
     std::string port = std::to_string(ntohs(a.sin_port));
-    EXPECT_EQ(run_tool({"--port", port, "--timeout", "200", "pos"}).rc, app::EXIT_TIMEOUT);
+    EXPECT_EQ(run_tool({"--port", port, "--timeout", "200", "pos"}).rc, EXIT_TIMEOUT);
     close(lst);
-    EXPECT_EQ(run_tool({"--port", port, "ls"}).rc, app::EXIT_REFUSED);
+    EXPECT_EQ(run_tool({"--port", port, "ls"}).rc, EXIT_REFUSED);
 }
 
 using Tap = std::pair<bool, std::vector<uint8_t>>;  // from the app?, the bytes
@@ -213,15 +295,14 @@ TEST_F(Tool, DissectorDecodesARealSessionWithChecksumsAndReassembly) {
     put("IMG_0001.JPG", pattern_bytes(10000, 3));
     start();
     std::vector<Tap> taps;
-    app::Client c;
+    Client c;
     c.set_tap([&](bool fromApp, const uint8_t* b, size_t n) {
         taps.emplace_back(fromApp, std::vector<uint8_t>(b, b + n));
     });
-    app::Reply r;
-    auto ok = [](int rc) { return rc == app::CLIENT_OK; };
+    Reply r;
+    auto ok = [](int rc) { return rc == CLIENT_OK; };
     auto sendBadCrc = [&] {
-        std::vector<uint8_t> b =
-            app::encode_packet(1, 1, 5, c.seqNO++, 0x1234, 0, 0, "\0\0\0\0", 4);
+        std::vector<uint8_t> b = encode_packet(1, 1, 5, c.seqNO++, 0x1234, 0, 0, "\0\0\0\0", 4);
         b.back() ^= 0xFF;
         return c.send_raw(b.data(), b.size());
     };
@@ -271,4 +352,4 @@ TEST_F(Tool, DissectorDecodesARealSessionWithChecksumsAndReassembly) {
 }
 
 }  // namespace
-}  // namespace korvel::apptest
+}  // namespace korvel::app
