@@ -38,18 +38,16 @@ TEST(Tools, ExiftoolFactsAndThumbnailMatchOurs) {
     std::string thumb = tmp.file("thumb.jpg");
     run("ffmpeg -v error -y -f lavfi -i testsrc=s=320x240 -frames:v 1 " + photo +
         " && ffmpeg -v error -y -f lavfi -i color=c=blue:s=160x120 -frames:v 1 '" + thumb + "'");
-    std::string tool = "exiftool -q -overwrite_original ";
-    run(tool + "-Make=KRV -Model=K1 -XResolution= -YResolution= -ResolutionUnit=inches " +
-        "-YCbCrPositioning=Co-sited -ExifImageWidth=320 -ExifImageHeight=240 " +
-        "'-ThumbnailImage<=" + thumb + "' " + photo);
-    auto ours = [&path] {
-        char f[6][32] = {};
-        EXPECT_EQ(exif_read_photo_info(f[0], f[1], f[2], f[3], f[4], f[5], path.c_str()), 0);
-        return Lines(std::begin(f), std::end(f));
-    };
-    EXPECT_EQ(ours(), run("exiftool -n -s3 -Make -Model -ExifImageWidth -ExifImageHeight "
-                          "-ResolutionUnit -YCbCrPositioning " +
-                          photo));
+    run("exiftool -q -overwrite_original -Make=KRV -Model=K1 -XResolution= -YResolution= "
+        "-ResolutionUnit=inches -YCbCrPositioning=Co-sited -ExifImageWidth=320 "
+        "-ExifImageHeight=240 '-ThumbnailImage<=" +
+        thumb + "' " + photo);
+    char f[6][32] = {};
+    ASSERT_EQ(exif_read_photo_info(f[0], f[1], f[2], f[3], f[4], f[5], path.c_str()), 0);
+    EXPECT_EQ(Lines(std::begin(f), std::end(f)),
+              run("exiftool -n -s3 -Make -Model -ExifImageWidth -ExifImageHeight "
+                  "-ResolutionUnit -YCbCrPositioning " +
+                  photo));
     std::vector<uint8_t> buf(122880);
     uint32_t size = 0;
     ASSERT_EQ(exif_read_thumbnail(path.c_str(), buf.data(), uint32_t(buf.size()), &size), 0);

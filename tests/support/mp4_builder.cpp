@@ -3,7 +3,7 @@
 namespace korvel {
 namespace testsupport {
 
-std::string be16(uint16_t v) {
+static std::string be16(uint16_t v) {
     return {char(v >> 8), char(v)};
 }
 std::string be32(uint32_t v) {
@@ -41,37 +41,17 @@ std::string mdat(size_t bytes) {
     return box("mdat", std::string(bytes, '\x55'));
 }
 
-std::string tkhd(uint32_t id, uint32_t width1616, uint32_t height1616, uint8_t version) {
+static std::string tkhd(uint32_t id, uint32_t width1616, uint32_t height1616) {
     // Times, reserved words, layer, volume and matrix are all zero: only id and size matter.
-    std::string times = version == 1 ? std::string(16, '\0') : std::string(8, '\0');
-    std::string dur = version == 1 ? std::string(8, '\0') : std::string(4, '\0');
-    return full_box("tkhd", version,
-                    times + be32(id) + be32(0) + dur + std::string(52, '\0') + be32(width1616) +
+    return full_box("tkhd", 0,
+                    std::string(8, '\0') + be32(id) + std::string(60, '\0') + be32(width1616) +
                         be32(height1616));
 }
 
-std::string mdhd(uint32_t timescale, uint64_t duration, uint8_t version) {
-    if (version == 1) {
-        return full_box("mdhd", 1,
-                        std::string(16, '\0') + be32(timescale) + be64(duration) + be32(0));
-    }
-    return full_box("mdhd", version,
-                    std::string(8, '\0') + be32(timescale) + be32(uint32_t(duration)) + be32(0));
-}
-
-std::string hdlr(const char* type, HdlrName form) {
-    std::string fixed = be32(0) + std::string(type, 4) + std::string(12, '\0');
-    switch (form) {
-        case HdlrName::CString:
-            return full_box("hdlr", 0, fixed + std::string("Handler\0", 8));
-        case HdlrName::Counted:
-            return full_box("hdlr", 0, fixed + "\x07Handler");
-        case HdlrName::Unterminated:
-            return full_box("hdlr", 0, fixed + "Handler");
-        case HdlrName::Absent:
-            break;
-    }
-    return full_box("hdlr", 0, fixed);
+static std::string mdhd(uint32_t timescale, uint64_t duration, uint8_t version) {
+    std::string times(version == 1 ? 16 : 8, '\0');
+    std::string length = version == 1 ? be64(duration) : be32(uint32_t(duration));
+    return full_box("mdhd", version, times + be32(timescale) + length + be32(0));
 }
 
 std::string visual_entry(const char* type, uint16_t width, uint16_t height,
@@ -116,26 +96,15 @@ std::string esds(uint8_t objectType, uint32_t avgBitrate, const std::string& dsi
 }
 
 std::string sinf(const char* originalFormat) {
-    std::string schm = full_box("schm", 0, "cenc" + be32(0x10000));
-    if (originalFormat == nullptr) {
-        return box("sinf", schm);
-    }
-    return box("sinf", box("frma", std::string(originalFormat, 4)) + schm);
+    std::string frma = originalFormat ? box("frma", std::string(originalFormat, 4)) : "";
+    return box("sinf", frma + full_box("schm", 0, "cenc" + be32(0x10000)));
 }
 
 std::string iods(uint8_t visual, uint8_t tag, bool url) {
-    std::string body;
-    if (url) {
-        body = std::string{0x00, 0x3F, 0x04} + "a://";
-    } else {
-        body =
-            std::string{0x00, 0x4F, char(0xFF), char(0xFF), char(0xFF), char(visual), char(0xFF)};
-    }
+    std::string body =
+        url ? std::string{0x00, 0x3F, 0x04} + "a://"
+            : std::string{0x00, 0x4F, char(0xFF), char(0xFF), char(0xFF), char(visual), char(0xFF)};
     return full_box("iods", 0, descriptor(tag, body));
-}
-
-std::string stsd(const std::string& entries, uint32_t entryCount) {
-    return full_box("stsd", 0, be32(entryCount) + entries);
 }
 
 std::string stsz(uint32_t constSize, uint32_t count, const std::vector<uint32_t>& sizes) {
@@ -152,8 +121,6 @@ std::string stz2(uint8_t fieldSize, const std::vector<uint32_t>& sizes) {
     for (size_t i = 0; i < sizes.size(); ++i) {
         if (fieldSize == 16) {
             p += be16(uint16_t(sizes[i]));
-        } else if (fieldSize != 4) {
-            p += char(sizes[i]);
         } else if (i % 2 == 0) {
             p += char(sizes[i] << 4);
         } else {
@@ -163,29 +130,22 @@ std::string stz2(uint8_t fieldSize, const std::vector<uint32_t>& sizes) {
     return full_box("stz2", 0, p);
 }
 
-std::string stts(uint32_t count, uint32_t delta) {
-    return full_box("stts", 0, be32(1) + be32(count) + be32(delta));
-}
-
-std::string stsc() {
-    return full_box("stsc", 0, be32(1) + be32(1) + be32(1) + be32(1));
-}
-
-std::string stco() {
-    return full_box("stco", 0, be32(1) + be32(48));
-}
-
 std::string trak(const TrackPlan& s) {
     std::string entries =
         s.entries.empty() ? visual_entry("avc1", 640, 480, avcc(100, 40)) : s.entries;
     std::string sizes = s.sizes.empty() ? stsz(1000, 1) : s.sizes;
-    std::string stbl = stsd(entries) + stts(1, uint32_t(s.duration)) + stsc() + sizes;
+    // stsd, one stts run, one stsc run, the sizes and a one-chunk stco.
+    std::string stbl = full_box("stsd", 0, be32(1) + entries) +
+                       full_box("stts", 0, be32(1) + be32(1) + be32(uint32_t(s.duration))) +
+                       full_box("stsc", 0, be32(1) + be32(1) + be32(1) + be32(1)) + sizes;
     if (s.withStco) {
-        stbl += stco();
+        stbl += full_box("stco", 0, be32(1) + be32(48));
     }
     std::string minf = box("minf", full_box("vmhd", 0, std::string(8, '\0')) + box("stbl", stbl));
-    std::string mdia = box(
-        "mdia", mdhd(s.timescale, s.duration, s.mdhdVersion) + hdlr(s.handler, s.hdlrName) + minf);
+    std::string hdlr = full_box(
+        "hdlr", 0,
+        be32(0) + std::string(s.handler, 4) + std::string(12, '\0') + std::string("Handler\0", 8));
+    std::string mdia = box("mdia", mdhd(s.timescale, s.duration, s.mdhdVersion) + hdlr + minf);
     std::string head = s.withTkhd ? tkhd(s.id, s.tkhdWidth, s.tkhdHeight) : std::string();
     return box("trak", head + mdia);
 }

@@ -9,7 +9,6 @@
 namespace korvel {
 namespace testsupport {
 
-std::string be16(uint16_t v);
 std::string be32(uint32_t v);
 std::string be64(uint64_t v);
 
@@ -22,10 +21,6 @@ std::string full_box(const char* type, uint8_t version, const std::string& paylo
 std::string ftyp(const char* brand = "isom");
 std::string mvhd();
 std::string mdat(size_t bytes);
-std::string tkhd(uint32_t id, uint32_t width1616, uint32_t height1616, uint8_t version = 0);
-std::string mdhd(uint32_t timescale, uint64_t duration, uint8_t version = 0);
-enum class HdlrName { CString, Counted, Unterminated, Absent };
-std::string hdlr(const char* type, HdlrName form = HdlrName::CString);
 
 std::string visual_entry(const char* type, uint16_t width, uint16_t height,
                          const std::string& children = "");
@@ -37,24 +32,19 @@ std::string esds(uint8_t objectType, uint32_t avgBitrate, const std::string& dsi
 std::string sinf(const char* originalFormat);  // null: a sinf without frma
 std::string iods(uint8_t visual, uint8_t tag = 0x10, bool url = false);
 
-std::string stsd(const std::string& entries, uint32_t entryCount = 1);
 std::string stsz(uint32_t constSize, uint32_t count, const std::vector<uint32_t>& sizes = {});
-std::string stz2(uint8_t fieldSize, const std::vector<uint32_t>& sizes);
-std::string stts(uint32_t count, uint32_t delta);
-std::string stsc();
-std::string stco();
+std::string stz2(uint8_t fieldSize, const std::vector<uint32_t>& sizes);  // 4 or 16 bits
 
 // One track with sensible defaults: a 10 s video track with one 1000-byte sample.
 struct TrackPlan {
     uint32_t id = 1;
     const char* handler = "vide";
-    HdlrName hdlrName = HdlrName::CString;
     uint32_t timescale = 1000;
     uint64_t duration = 10000;
     uint8_t mdhdVersion = 0;
-    uint32_t tkhdWidth = 0, tkhdHeight = 0;
-    std::string entries;  // sample entries; empty means avc1 640x480 with avcC
-    std::string sizes;    // stsz or stz2 box; empty means one sample of 1000 bytes
+    uint32_t tkhdWidth = 0, tkhdHeight = 0;  // 16.16
+    std::string entries;                     // sample entries; empty means avc1 640x480 with avcC
+    std::string sizes;  // stsz or stz2 box; empty means one sample of 1000 bytes
     bool withTkhd = true;
     bool withStco = true;
 };
