@@ -53,13 +53,6 @@ protected:
         out = GetCapturedStdout();
         return rc;
     }
-    int parse(const std::string& seg, Facts* x) {
-        CaptureStdout();
-        int rc = exif_parse_app1(reinterpret_cast<const uint8_t*>(seg.data()), uint32_t(seg.size()),
-                                 x->f[0], x->f[1], x->f[2], x->f[3], x->f[4], x->f[5]);
-        out = GetCapturedStdout();
-        return rc;
-    }
     int thumb(const std::string& bytes, uint32_t capacity = CAPACITY) {
         return exif_read_thumbnail(put(bytes).c_str(), buf.data(), capacity, &size);
     }
@@ -116,7 +109,8 @@ TEST_F(Exif, ValuesAreReadByTheirTypeAndCutToTheField) {
 TEST_F(Exif, FailuresPrintTheirLineAndFillNothing) {
     JpegPlan photo = camera_plan("Korvel", "KV-200", 640, 480);
     photo.ifd0Offset = 16;  // the farthest IFD0 allowed
-    const std::string good = exif_app1(photo).substr(2);
+    const std::string good = jpeg_file(photo);
+    const size_t seg = app1_pos(photo) + 2;  // the length, then "Exif"
     struct Case {
         size_t at;
         std::string bytes, line;
@@ -127,15 +121,15 @@ TEST_F(Exif, FailuresPrintTheirLineAndFillNothing) {
         {12, std::string("\x14\0\0\0", 4), ""},  // IFD0 at 20
     };
     for (const Case& c : cases) {
-        std::string seg = good;
-        seg.replace(c.at, c.bytes.size(), c.bytes);
+        std::string bad = good;
+        bad.replace(seg + c.at, c.bytes.size(), c.bytes);
         Facts x("keep");
-        EXPECT_NE(parse(seg, &x), 0) << c.at;
+        EXPECT_EQ(read(bad, &x), 0) << c.at;
         EXPECT_EQ(out, c.line) << c.at;
         EXPECT_EQ(x.texts(), KEPT) << c.at;
     }
     Facts x("keep");
-    EXPECT_EQ(parse(good, &x), 0);
+    EXPECT_EQ(read(good, &x), 0);
     EXPECT_EQ(x.texts(), CAMERA);
     CaptureStdout();
     EXPECT_EQ(exif_parse_app1(nullptr, 100, x.f[0], x.f[1], x.f[2], x.f[3], x.f[4], x.f[5]), -1);
@@ -150,7 +144,7 @@ TEST_F(Exif, FailuresPrintTheirLineAndFillNothing) {
     EXPECT_EQ(read("", &x, tmp.file("none.JPG")), -1);
     EXPECT_EQ(out, "bad open file: " + tmp.file("none.JPG") + "\n");
     photo.ifd0.insert(photo.ifd0.begin(), exif_raw(TAG_MAKE, 13, 1, 0));  // skipped, walk goes on
-    EXPECT_EQ(parse(exif_app1(photo).substr(2), &x), 0);
+    EXPECT_EQ(read(jpeg_file(photo), &x), 0);
     EXPECT_EQ(out, "wrong format type 13 \n");
     EXPECT_EQ(x.texts(), CAMERA);
 }
@@ -167,16 +161,16 @@ TEST_F(Exif, CutFilesAndRunawayCountsStayInside) {
         EXPECT_TRUE(rc == 0 || rc == -1) << n;
         EXPECT_EQ(thumb(file.substr(0, n)), n >= thumbEnd ? 0 : -1) << n;
     }
-    std::string seg = exif_app1(photo).substr(2);
-    seg[8 + 8] = '\xFF';  // IFD0 count 0x7FFF, little-endian
-    seg[8 + 9] = '\x7F';
+    size_t ifd0 = tiff_pos(photo) + 8;
+    file[ifd0] = '\xFF';  // IFD0 count 0x7FFF, little-endian
+    file[ifd0 + 1] = '\x7F';
     Facts x;
-    EXPECT_EQ(parse(seg, &x), 0);
+    EXPECT_EQ(read(file, &x), 0);
     EXPECT_EQ(x.texts()[0], "Korvel");
     EXPECT_EQ(x.texts()[2], "");  // the EXIF directory is looked for past the end
-    seg[8 + 9] = '\xFF';          // 0xFFFF reads as -1: no entries
+    file[ifd0 + 1] = '\xFF';      // 0xFFFF reads as -1: no entries
     Facts y;
-    EXPECT_EQ(parse(seg, &y), 0);
+    EXPECT_EQ(read(file, &y), 0);
     EXPECT_EQ(y.texts()[0], "");
 }
 
