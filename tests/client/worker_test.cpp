@@ -1,5 +1,4 @@
-// The worker thread: tasks one at a time in order, the stop marker, queued tasks dropped
-// at shutdown, and a new event base's defaults.
+// The worker thread: tasks one at a time in order, and queued tasks dropped at shutdown.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -8,8 +7,6 @@
 #include <vector>
 
 #include "client/event_base.h"
-#include "core/config.h"
-#include "support/temp_dir.h"
 
 namespace korvel {
 namespace {
@@ -84,24 +81,6 @@ TEST(Worker, StoppingFinishesTheTakenTaskAndDropsTheRest) {
     stopper.join();
     std::lock_guard<std::mutex> g(h.m);
     EXPECT_EQ(h.order, std::vector<uint32_t>{1});
-}
-
-TEST(Worker, IdleWorkerEndsThroughTheStopMarker) {
-    CountingHandler h;
-    h.stop();
-    EXPECT_TRUE(h.order.empty());
-}
-
-TEST(EventBase, NewOneHasTheDefaultTransferState) {
-    testsupport::TempDir card;
-    testing_seam::set_sd_root(card.path().c_str());
-    CEventBase eb;
-    EXPECT_EQ(eb.userDefPacksize.load(), 4096u);
-    EXPECT_EQ(eb.userDefBlocks.load(), 1u);
-    EXPECT_EQ(eb.resourceLocationId, -1);
-    EXPECT_EQ(eb.fileFd, -1);
-    EXPECT_EQ(eb.quit_received(), 0);
-    EXPECT_NE(eb.mediaRecord, nullptr);
 }
 
 }  // namespace
