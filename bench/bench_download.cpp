@@ -25,7 +25,7 @@
 
 #include "app/client.h"
 #include "core/config.h"
-#include "core/server.h"
+#include "server/server.h"
 
 namespace {
 

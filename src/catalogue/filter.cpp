@@ -13,7 +13,7 @@
 #include <cjson/cJSON.h>
 
 #include "catalogue/catalogue.h"
-#include "catalogue/json_file.h"
+#include "media/json_file.h"
 #include "client/event_base.h"
 #include "core/config.h"
 #include "log/log.h"

@@ -6,7 +6,7 @@
 
 #include <cjson/cJSON.h>
 
-#include "catalogue/json_file.h"
+#include "media/json_file.h"
 #include "log/log.h"
 
 namespace korvel {

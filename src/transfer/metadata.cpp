@@ -11,7 +11,7 @@
 
 #include <cjson/cJSON.h>
 
-#include "catalogue/json_file.h"
+#include "media/json_file.h"
 #include "client/event_base.h"
 #include "log/log.h"
 #include "transfer/burst.h"

@@ -12,7 +12,7 @@
 #include <string>
 
 #include "catalogue/catalogue_fixture.h"
-#include "catalogue/json_file.h"
+#include "media/json_file.h"
 #include "support/mp4_builder.h"
 
 namespace korvel {

@@ -4,7 +4,7 @@
 #include <csignal>
 
 #include "core/config.h"
-#include "core/server.h"
+#include "server/server.h"
 
 namespace korvel {
 namespace testsupport {

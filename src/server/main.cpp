@@ -4,7 +4,7 @@
 #include <csignal>
 #include <cstdio>
 
-#include "core/server.h"
+#include "server/server.h"
 
 int main() {
     // Trace lines must reach a console, pipe or collector as they are written.

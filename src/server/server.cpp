@@ -1,6 +1,6 @@
 // The server object: listening socket, connection and event-base tables, and the receive
 // loop. Main thread only, so the tables need no lock.
-#include "core/server.h"
+#include "server/server.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>

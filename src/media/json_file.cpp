@@ -1,7 +1,7 @@
 // The media record: one file's facts as fixed text fields and the two JSON key sets built
 // from them. Filled on the worker by the catalogue walk and on the main thread by the
 // metadata request, each with a record of its own.
-#include "catalogue/json_file.h"
+#include "media/json_file.h"
 
 #include <strings.h>
 #include <sys/stat.h>
