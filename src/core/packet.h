@@ -22,6 +22,26 @@ constexpr uint16_t ACK_TOO_LARGE = 0xFB08;
 constexpr uint16_t ACK_BAD_NAME = 0xFB09;
 constexpr uint16_t ACK_BAD_LOCATION = 0xFB10;
 
+// Message types (bits 24-28 of word 0). Data requests:
+constexpr uint8_t MSG_DELETE = 1;       // JSON {"media": [names]}
+constexpr uint8_t MSG_DOWNLOAD = 2;     // name -> size (little-endian)
+constexpr uint8_t MSG_CHUNK = 3;        // chunk request; 4-6 are its continued forms
+constexpr uint8_t MSG_CHUNK_CONT = 6;   // continued chunk request (also 4 and 5 as data)
+constexpr uint8_t MSG_CONFIG = 17;      // transfer parameters and location
+constexpr uint8_t MSG_CAPABILITY = 18;  // the capability file
+constexpr uint8_t MSG_METADATA = 19;    // one file's metadata JSON
+// Control requests (reqType 1):
+constexpr uint8_t MSG_CATALOGUE = 0;  // catalogue; its type travels in ackValue
+constexpr uint8_t MSG_POSITION = 5;   // transfer position query
+constexpr uint8_t MSG_QUIT = 7;
+// (control 3 and 6 are the whole-burst chunk requests, MSG_CHUNK and MSG_CHUNK_CONT.)
+
+// Markers (bits 29-30 of word 0).
+constexpr uint8_t MARKER_MORE = 0;       // intermediate packet
+constexpr uint8_t MARKER_LAST = 1;       // the only or the last packet
+constexpr uint8_t MARKER_CONT_MORE = 2;  // intermediate of a continued transfer, "more follows"
+constexpr uint8_t MARKER_CONT_LAST = 3;  // the last of a continued transfer
+
 // Standard CRC-32 (init 0 gives the plain checksum); continues a previous value otherwise.
 // Also stored into *out when out is given.
 uint32_t crc32_calc(uint32_t init, const void* data, uint32_t len, uint32_t* out = nullptr);
