@@ -1,8 +1,10 @@
 // The catalogue scan: finds the media directories under the app's location and sorts their
 // file names into per-directory lists by catalogue type. Worker thread, full paths only.
 #include <dirent.h>
+#include <fcntl.h>
 #include <strings.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -12,6 +14,7 @@
 
 #include "catalogue/catalogue.h"
 #include "client/event_base.h"
+#include "core/card_fs.h"
 #include "core/config.h"
 #include "log/log.h"
 #include "transfer/paths.h"
@@ -146,10 +149,28 @@ namespace {
 
 enum class DirScan { Quit, NoExtension, HadExtension };
 
+// Only regular files are listed: a link could describe a file off the card, and a FIFO
+// would block whoever opens it. The entry's own type is free on most file systems.
+bool is_regular_entry(DIR* dir, const struct dirent* e) {
+    if (e->d_type != DT_UNKNOWN) {
+        return e->d_type == DT_REG;
+    }
+    return is_regular_at(dirfd(dir), e->d_name);
+}
+
+// Opens a directory stream on a descriptor; -1 descriptors and failures give none.
+ScopedDir dir_stream(int fd) {
+    DIR* d = fd >= 0 ? fdopendir(fd) : nullptr;
+    if (d == nullptr && fd >= 0) {
+        close(fd);
+    }
+    return ScopedDir(d);
+}
+
 // Classifies the files of one media directory into `slot`. A directory counts (takes the
-// slot) when at least one of its names has an extension, selected or not.
-DirScan scan_media_dir(CEventBase& eb, const char* dirPath, int32_t slot) {
-    ScopedDir dir(opendir(dirPath));
+// slot) when at least one of its regular files has an extension, selected or not.
+DirScan scan_media_dir(CEventBase& eb, int dirFd, const char* dirPath, int32_t slot) {
+    ScopedDir dir = dir_stream(dirFd);
     if (!dir) {
         return DirScan::NoExtension;
     }
@@ -163,7 +184,7 @@ DirScan scan_media_dir(CEventBase& eb, const char* dirPath, int32_t slot) {
         if (n < 0 || static_cast<size_t>(n) >= sizeof eb.ctimePath) {
             continue;  // a cut path would name some other file
         }
-        if (is_dot_entry(e->d_name)) {
+        if (is_dot_entry(e->d_name) || !is_regular_entry(dir.get(), e)) {
             continue;
         }
         char ext[NAME_BUF];
@@ -180,15 +201,17 @@ DirScan scan_media_dir(CEventBase& eb, const char* dirPath, int32_t slot) {
 
 int32_t CEventBase::json_look_from_dir(cJSON* media) {
     const char* root = catalogueLocation.resourceLocation;
-    struct stat st;
-    if (lstat(root, &st) != 0 || !S_ISDIR(st.st_mode)) {
+    // The location and every media directory are opened beneath the card without following
+    // a link, so the scan never walks or describes anything off the card.
+    int rootFd = card_open_dir(root);
+    if (rootFd < 0) {
         return -1;
     }
     for (uint32_t i = 0; i < MAX_MEDIA_DIRS; ++i) {
         mediaFileLists[i].clear();
         extraFileLists[i].clear();
     }
-    ScopedDir dir(opendir(root));
+    ScopedDir dir = dir_stream(rootFd);
     if (!dir) {
         log_warn("[%s],opendir error %s!\n",
                  "int32_t korvel::CEventBase::json_look_from_dir(cJSON*)", root);
@@ -213,11 +236,13 @@ int32_t CEventBase::json_look_from_dir(cJSON* media) {
         if (n < 0 || static_cast<size_t>(n) >= sizeof path) {
             continue;  // never scan a cut path: it could name a directory elsewhere
         }
-        // lstat: a link to a directory is not followed, so the scan stays on the card.
-        if (lstat(path, &st) != 0 || !S_ISDIR(st.st_mode)) {
+        // A link to a directory is not followed, so the scan stays on the card.
+        int mediaFd = openat(dirfd(dir.get()), e->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW |
+                                                              O_CLOEXEC);
+        if (mediaFd < 0) {
             continue;
         }
-        DirScan r = scan_media_dir(*this, path, slot);
+        DirScan r = scan_media_dir(*this, mediaFd, path, slot);
         if (r == DirScan::Quit) {
             return -1;
         }

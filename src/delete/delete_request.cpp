@@ -2,8 +2,7 @@
 // thumbnails are unlinked at once; videos and their second streams are moved into the
 // holding directory and left to the background deleter.
 #include <errno.h>
-#include <limits.h>
-#include <stdlib.h>
+#include <fcntl.h>
 #include <string.h>
 #include <strings.h>
 #include <sys/stat.h>
@@ -18,6 +17,8 @@
 #include <cjson/cJSON.h>
 
 #include "client/event_base.h"
+#include "core/card_fs.h"
+#include "core/scoped_fd.h"
 #include "core/config.h"
 #include "delete/deleter.h"
 #include "log/log.h"
@@ -30,7 +31,6 @@ namespace {
 constexpr size_t BASE_MAX = 127;
 constexpr size_t EXT_MAX = 7;
 constexpr int MKDIR_ATTEMPTS = 11;  // the first try and ten retries
-constexpr uint8_t DELETE_MSG_TYPE = 1;
 
 struct JsonTreeDeleter {
     void operator()(cJSON* tree) const { cJSON_Delete(tree); }
@@ -39,22 +39,19 @@ using JsonTree = std::unique_ptr<cJSON, JsonTreeDeleter>;
 
 enum class MediaKind { Other, Photo, Video };
 
-// Every path one name can touch, built before anything is touched.
+// Every name one request can touch, built before anything is touched. Files are reached
+// through their directory's descriptor, opened beneath the card without following links.
 struct DeleteTarget {
     char name[TEXT_BUF];  // bare file name
     char base[BASE_MAX + 1];
     char ext[EXT_MAX + 1];
-    char file[TEXT_BUF];  // absfiledir/name
     char thmLower[TEXT_BUF];
     char thmUpper[TEXT_BUF];
     char second[TEXT_BUF];
 };
 
-// Where a directory really lies once symlinks are followed.
-enum class DirPlace { Inside, Missing, Outside };
-
 void reply(CEventBase& ev, int fd, uint16_t code) {
-    ev.send_msg_ack_to_app(fd, 1, DELETE_MSG_TYPE, 0, 1, code, 0);
+    ev.send_msg_ack_to_app(fd, MARKER_LAST, MSG_DELETE, 0, 1, code, 0);
 }
 
 // A path that does not fit is refused rather than cut: a cut path names another file.
@@ -66,8 +63,8 @@ bool join_path(char (&out)[TEXT_BUF], const char* dir, const char* name) {
     return fits(snprintf(out, sizeof out, "%s/%s", dir, name));
 }
 
-bool companion_path(char (&out)[TEXT_BUF], const char* dir, const char* base, const char* sfx) {
-    return fits(snprintf(out, sizeof out, "%s/%s.%s", dir, base, sfx));
+bool companion_name(char (&out)[TEXT_BUF], const char* base, const char* sfx) {
+    return fits(snprintf(out, sizeof out, "%s.%s", base, sfx));
 }
 
 // Splits at the first '.'; false when the name is not one this request handles: it begins
@@ -88,15 +85,10 @@ bool split_name(DeleteTarget& t) {
     return true;
 }
 
-bool make_target(const std::string& filename, const std::string& absfiledir, DeleteTarget& t) {
+bool make_target(const std::string& filename, DeleteTarget& t) {
     snprintf(t.name, sizeof t.name, "%s", filename.c_str());  // names are cut at 1023
-    if (!split_name(t)) {
-        return false;
-    }
-    const char* dir = absfiledir.c_str();
-    return join_path(t.file, dir, t.name) && companion_path(t.thmLower, dir, t.base, "thm") &&
-           companion_path(t.thmUpper, dir, t.base, "THM") &&
-           companion_path(t.second, dir, t.base, "2nd");
+    return split_name(t) && companion_name(t.thmLower, t.base, "thm") &&
+           companion_name(t.thmUpper, t.base, "THM") && companion_name(t.second, t.base, "2nd");
 }
 
 MediaKind media_kind(const char* ext) {
@@ -109,22 +101,17 @@ MediaKind media_kind(const char* ext) {
     return MediaKind::Other;
 }
 
-DirPlace dir_place(const char* cardReal, const char* dir) {
-    char real[PATH_MAX];
-    if (realpath(dir, real) == nullptr) {
-        // A directory that does not exist reaches nothing; anything else is not trusted.
-        return (errno == ENOENT || errno == ENOTDIR) ? DirPlace::Missing : DirPlace::Outside;
+// Only regular files are unlinked or moved: a link, FIFO or directory of that name is
+// passed over like a missing file. dirFd -1 (a missing directory) holds nothing.
+void unlink_if_exists(int dirFd, const char* name) {
+    if (is_regular_at(dirFd, name)) {
+        unlinkat(dirFd, name, 0);
     }
-    size_t n = strlen(cardReal);
-    if (strncmp(real, cardReal, n) == 0 && (real[n] == '/' || real[n] == '\0')) {
-        return DirPlace::Inside;
-    }
-    return DirPlace::Outside;
 }
 
-void unlink_if_exists(const char* path) {
-    if (access(path, F_OK) == 0) {
-        unlink(path);
+void move_if_exists(int dirFd, int holdFd, const char* from, const char* to) {
+    if (is_regular_at(dirFd, from)) {
+        renameat(dirFd, from, holdFd, to);
     }
 }
 
@@ -134,82 +121,94 @@ void queue_for_deleter(const char* path) {
     }
 }
 
-// 0 when the holding directory exists or was made. Another app's worker may make it
-// between our test and our mkdir; EEXIST then means it is there.
-int32_t ensure_holding_dir(const char* holding) {
-    if (access(holding, F_OK) == 0) {
-        return 0;
+// The holding directory beside the media directories, made when missing; -1 when it cannot
+// be made or is not a plain directory on the card (a link there is not used). Another
+// app's worker may make it between our test and our mkdir; EEXIST then means it is there.
+int open_holding_dir(int locFd, int locErr) {
+    const int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    int holdFd = locFd < 0 ? -1 : openat(locFd, HOLDING_DIR, flags);
+    if (holdFd >= 0 || (locFd >= 0 && errno != ENOENT)) {
+        return holdFd;
     }
     for (int attempt = 1; attempt <= MKDIR_ATTEMPTS; ++attempt) {
-        if (mkdir(holding, 0777) == 0 || errno == EEXIST) {
-            return 0;
+        int err = locFd < 0 ? locErr : mkdirat(locFd, HOLDING_DIR, 0777) == 0 ? 0 : errno;
+        if (err == 0 || err == EEXIST) {
+            return openat(locFd, HOLDING_DIR, flags);
         }
         if (attempt < MKDIR_ATTEMPTS) {
-            log_print(1, "mkdir tmp_delete failed: %s", strerror(errno));
+            log_print(1, "mkdir tmp_delete failed: %s", strerror(err));
             usleep(5);
         }
     }
     return -1;
 }
 
-void delete_photo(const DeleteTarget& t) {
-    unlink_if_exists(t.file);
-    unlink_if_exists(t.thmLower);
-    unlink_if_exists(t.thmUpper);
+void delete_photo(int dirFd, const DeleteTarget& t) {
+    unlink_if_exists(dirFd, t.name);
+    unlink_if_exists(dirFd, t.thmLower);
+    unlink_if_exists(dirFd, t.thmUpper);
 }
 
 // Without a holding directory the video is still deleted, only at once.
-void delete_video_directly(const DeleteTarget& t) {
-    unlink(t.file);
-    unlink_if_exists(t.thmUpper);
-    unlink(t.second);
-    unlink_if_exists(t.thmLower);
+void delete_video_directly(int dirFd, const DeleteTarget& t) {
+    unlink_if_exists(dirFd, t.name);
+    unlink_if_exists(dirFd, t.thmUpper);
+    unlink_if_exists(dirFd, t.second);
+    unlink_if_exists(dirFd, t.thmLower);
 }
 
-void delete_video(CEventBase& ev, int fd, const char* location, const char* cardReal,
-                  const DeleteTarget& t) {
+void delete_video(CEventBase& ev, int fd, const char* location, int dirFd, const DeleteTarget& t) {
     char holding[TEXT_BUF];
     char dest[TEXT_BUF];
     char dest2[TEXT_BUF];
+    char second[TEXT_BUF];
     if (!join_path(holding, location, HOLDING_DIR) || !join_path(dest, holding, t.name) ||
-        !companion_path(dest2, holding, t.base, "2nd")) {
+        !companion_name(second, t.base, "2nd") || !join_path(dest2, holding, second)) {
         return;
     }
-    // A holding directory that leads off the card is as unusable as one that cannot be made.
-    if (ensure_holding_dir(holding) != 0 || dir_place(cardReal, holding) != DirPlace::Inside) {
+    ScopedFd locFd(card_open_dir(location));
+    int locErr = errno;
+    ScopedFd holdFd(open_holding_dir(locFd.get(), locErr));
+    if (holdFd.get() < 0) {
         reply(ev, fd, ACK_BAD_LOCATION);
-        delete_video_directly(t);
+        delete_video_directly(dirFd, t);
         return;
     }
-    // Rename results are not examined: the deleter passes over paths that are not there.
-    rename(t.file, dest);
+    // The deleter passes over queued paths that are not there.
+    move_if_exists(dirFd, holdFd.get(), t.name, t.name);
     queue_for_deleter(dest);
-    unlink_if_exists(t.thmUpper);
-    rename(t.second, dest2);
+    unlink_if_exists(dirFd, t.thmUpper);
+    move_if_exists(dirFd, holdFd.get(), t.second, second);
     queue_for_deleter(dest2);
-    unlink_if_exists(t.thmLower);
+    unlink_if_exists(dirFd, t.thmLower);
 }
 
-void delete_one_name(CEventBase& ev, int fd, const char* name, const char* cardReal) {
+void delete_one_name(CEventBase& ev, int fd, const char* name) {
     LocationSnapshot loc = ev.location_snapshot();
     std::string filename;
     std::string absfiledir;
-    if (cardReal == nullptr || ev.get_abs_file_dir(name, filename, absfiledir) != 0 ||
-        !is_confined(loc.resourceLocation, filename, absfiledir) ||
-        dir_place(cardReal, absfiledir.c_str()) == DirPlace::Outside) {
+    if (ev.get_abs_file_dir(name, filename, absfiledir) != 0 ||
+        !is_confined(loc.resourceLocation, filename, absfiledir)) {
+        reply(ev, fd, ACK_BAD_NAME);
+        return;
+    }
+    // A media directory that is missing holds nothing to delete; one that cannot be opened
+    // beneath the card (a link, or a path through one) is refused like a bad name.
+    ScopedFd dir(card_open_dir(absfiledir.c_str()));
+    if (dir.get() < 0 && errno != ENOENT) {
         reply(ev, fd, ACK_BAD_NAME);
         return;
     }
     DeleteTarget t;
-    if (!make_target(filename, absfiledir, t)) {
+    if (!make_target(filename, t)) {
         return;
     }
     switch (media_kind(t.ext)) {
         case MediaKind::Photo:
-            delete_photo(t);
+            delete_photo(dir.get(), t);
             break;
         case MediaKind::Video:
-            delete_video(ev, fd, loc.resourceLocation, cardReal, t);
+            delete_video(ev, fd, loc.resourceLocation, dir.get(), t);
             break;
         case MediaKind::Other:
             break;
@@ -225,7 +224,7 @@ int64_t elapsed_us(const struct timeval& start, const struct timeval& end) {
 
 void CEventBase::process_file_delete(int fd, char* text) {
     // The app hears back before anything is touched; the task owns and frees the text.
-    send_msg_ack_to_app(fd, 1, DELETE_MSG_TYPE, 0, 1, ACK_DONE, 0);
+    send_msg_ack_to_app(fd, MARKER_LAST, MSG_DELETE, 0, 1, ACK_DONE, 0);
     json_file_delete(fd, text);
 }
 
@@ -240,16 +239,12 @@ void CEventBase::json_file_delete(int fd, const char* text) {
     }
     struct timeval start;
     gettimeofday(&start, nullptr);
-    // Every directory a name leads to is checked against the card's real path, so a
-    // symlink on the card cannot carry a rename or unlink off it.
-    char cardReal[PATH_MAX];
-    const bool haveCard = realpath(get_sd_root().c_str(), cardReal) != nullptr;
     cJSON* item = nullptr;
     cJSON_ArrayForEach(item, media) {
         if (!cJSON_IsString(item) || item->valuestring == nullptr) {
             continue;  // carries no name
         }
-        delete_one_name(*this, fd, item->valuestring, haveCard ? cardReal : nullptr);
+        delete_one_name(*this, fd, item->valuestring);
     }
     tree.reset();
     struct timeval end;

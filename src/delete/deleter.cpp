@@ -2,9 +2,15 @@
 // have moved into the holding directory, one path at a time, in the order they were queued.
 #include "delete/deleter.h"
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <utility>
+
+#include "core/card_fs.h"
+#include "core/config.h"
+#include "core/scoped_fd.h"
 
 namespace korvel {
 
@@ -46,10 +52,33 @@ void DWF_DELHandler::queue_path(const std::string& path) {
     delCond.notify_all();
 }
 
+// The holding directory is reached beneath the card without following links, so a link
+// put in its place cannot carry an unlink off the card.
 void DWF_DELHandler::remove_file(const std::string& path) {
-    if (access(path.c_str(), F_OK) == 0) {
-        unlink(path.c_str());
+    const char* leaf = nullptr;
+    ScopedFd dir(card_open_parent(path.c_str(), &leaf));
+    if (dir.get() >= 0 && is_regular_at(dir.get(), leaf)) {
+        unlinkat(dir.get(), leaf, 0);
     }
+}
+
+size_t queue_leftovers(DWF_DELHandler& deleter) {
+    std::string holding = std::string(active_sd_root()) + MEDIA_SUBDIR + "/" + HOLDING_DIR;
+    ScopedFd fd(card_open_dir(holding.c_str()));
+    DIR* dir = fd.get() >= 0 ? fdopendir(fd.get()) : nullptr;
+    if (dir == nullptr) {
+        return 0;
+    }
+    fd.release();  // the directory stream owns it now
+    size_t queued = 0;
+    while (struct dirent* e = readdir(dir)) {
+        if (is_regular_at(dirfd(dir), e->d_name)) {
+            deleter.queue_path(holding + "/" + e->d_name);
+            ++queued;
+        }
+    }
+    closedir(dir);
+    return queued;
 }
 
 void DWF_DELHandler::DelEntrance(DWF_DELHandler* d) {

@@ -35,6 +35,11 @@ public:
     std::atomic<uint8_t> stopRequested{0};
 };
 
+// Queues every regular file left in the card's holding directory, which a process that
+// ended before its deleter reached them leaves behind, unseen by any catalogue. Returns
+// how many were queued. Called once at start-up, right after the deleter is made.
+size_t queue_leftovers(DWF_DELHandler& deleter);
+
 // Set once by korvel_download_init before any event base exists; never changed after.
 extern DWF_DELHandler* mdeletehanlder;
 

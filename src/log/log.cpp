@@ -2,6 +2,8 @@
 // standard error. Called from every thread; mLock only guards reading the switch file.
 #include "log/log.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -46,31 +48,38 @@ void errno_text(int err, char* out, size_t cap) {
     }
 }
 
-// Re-reads the switch file; false when it exists but cannot be opened.
+// Re-reads the switch file; false when it exists but cannot be opened. Anything but a
+// regular file (a link, a FIFO that would block the open) counts as no file: every thread
+// logs, so none may wait here or read something off the card.
 bool read_switch_file(bool* present) {
     char path[LOG_TEXT_SIZE];
     snprintf(path, sizeof path, "%s%s", active_sd_root(), LOG_CONF_NAME);
-    *present = access(path, F_OK) == 0;
-    if (!*present) {
+    int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    struct stat st;
+    if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+        close(fd);
+        *present = false;
         return true;
     }
-    FILE* f = fopen(path, "r");
-    if (f == nullptr) {
-        puts("read open conf failed.");
-        return false;
+    *present = fd >= 0 || (errno != ENOENT && errno != ELOOP && errno != ENOTDIR);
+    if (fd < 0) {
+        if (*present) {
+            puts("read open conf failed.");
+        }
+        return !*present;
     }
     char text[LOG_SWITCH_BYTES + 1] = {};
     {
         std::lock_guard<std::mutex> guard(mLock);
-        size_t n = fread(text, 1, LOG_SWITCH_BYTES, f);
-        text[n] = '\0';
+        ssize_t n = read(fd, text, LOG_SWITCH_BYTES);
+        text[n > 0 ? n : 0] = '\0';
     }
+    close(fd);
     int enable = 0;
     int threshold = 0;
     sscanf(text, "%d,%d\n", &enable, &threshold);
     g_loglevel = threshold;
     g_logenabled = enable == 1;
-    fclose(f);
     return true;
 }
 

@@ -3,6 +3,10 @@
 // one call, and every offset taken from the file is checked against the bytes really there.
 #include "media/exif.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstring>
 #include <memory>
 #include <new>
@@ -37,6 +41,34 @@ struct FileCloser {
     void operator()(FILE* fp) const { fclose(fp); }
 };
 using ScopedFile = std::unique_ptr<FILE, FileCloser>;
+
+// A stream over a duplicate of fd from its first byte; the caller keeps its descriptor.
+FILE* stream_from(int fd) {
+    int copy = fd >= 0 ? fcntl(fd, F_DUPFD_CLOEXEC, 0) : -1;
+    FILE* fp = copy >= 0 ? fdopen(copy, "rb") : nullptr;
+    if (fp == nullptr) {
+        if (copy >= 0) {
+            close(copy);
+        }
+        return nullptr;
+    }
+    if (fseek(fp, 0, SEEK_SET) != 0) {
+        fclose(fp);
+        return nullptr;
+    }
+    return fp;
+}
+
+// Regular files only, and without waiting: a FIFO given by name must not block the reader.
+int open_regular(const char* path) {
+    int fd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    struct stat st;
+    if (fd >= 0 && (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
 
 // The APP1 segment of one read and its byte order.
 struct Segment {
@@ -295,14 +327,10 @@ int read_app1(FILE* fp, long pos, long fileSize, uint32_t length, char* const* f
 
 }  // namespace
 
-int exif_read_photo_info(char* maker, char* model, char* width, char* height, char* resUnit,
-                         char* colourSpace, const char* path) {
-    ScopedFile fp(path ? fopen(path, "rb") : nullptr);
-    if (!fp) {
-        printf("bad open file: %s\n", path ? path : "(null)");
-        return -1;
-    }
-    if (jpeg_check_soi(fp.get()) != 0) {
+int exif_read_photo_info_fd(char* maker, char* model, char* width, char* height, char* resUnit,
+                            char* colourSpace, int fd) {
+    ScopedFile fp(stream_from(fd));
+    if (!fp || jpeg_check_soi(fp.get()) != 0) {
         return -1;
     }
     jpeg_skip_app0(fp.get());
@@ -315,6 +343,18 @@ int exif_read_photo_info(char* maker, char* model, char* width, char* height, ch
     }
     char* const fields[] = {maker, model, width, height, resUnit, colourSpace};
     return read_app1(fp.get(), pos, size, uint32_t(head[2] << 8 | head[3]), fields);
+}
+
+int exif_read_photo_info(char* maker, char* model, char* width, char* height, char* resUnit,
+                         char* colourSpace, const char* path) {
+    int fd = path ? open_regular(path) : -1;
+    if (fd < 0) {
+        printf("bad open file: %s\n", path ? path : "(null)");
+        return -1;
+    }
+    int rc = exif_read_photo_info_fd(maker, model, width, height, resUnit, colourSpace, fd);
+    close(fd);
+    return rc;
 }
 
 namespace {
@@ -405,14 +445,9 @@ bool open_tiff(FILE* fp, TiffFile* t) {
 
 }  // namespace
 
-int exif_read_thumbnail(const char* path, uint8_t* buffer, uint32_t capacity, uint32_t* size) {
-    if (path == nullptr || buffer == nullptr || size == nullptr) {
-        fprintf(stderr, "bad parameter!\n");
-        return -1;
-    }
-    ScopedFile fp(fopen(path, "rb"));
-    if (!fp) {
-        fprintf(stderr, "bad open file,%s\n", path);
+int exif_read_thumbnail_fd(int fd, uint8_t* buffer, uint32_t capacity, uint32_t* size) {
+    ScopedFile fp(stream_from(fd));
+    if (!fp || buffer == nullptr || size == nullptr) {
         return -1;
     }
     TiffFile t{};
@@ -428,6 +463,21 @@ int exif_read_thumbnail(const char* path, uint8_t* buffer, uint32_t capacity, ui
     }
     *size = length;
     return 0;
+}
+
+int exif_read_thumbnail(const char* path, uint8_t* buffer, uint32_t capacity, uint32_t* size) {
+    if (path == nullptr || buffer == nullptr || size == nullptr) {
+        fprintf(stderr, "bad parameter!\n");
+        return -1;
+    }
+    int fd = open_regular(path);
+    if (fd < 0) {
+        fprintf(stderr, "bad open file,%s\n", path);
+        return -1;
+    }
+    int rc = exif_read_thumbnail_fd(fd, buffer, capacity, size);
+    close(fd);
+    return rc;
 }
 
 }  // namespace korvel

@@ -94,18 +94,19 @@ void CJSONFile::clear_facts() {
     }
 }
 
-int CJSONFile::gather_facts(bool isPhoto, bool withMedia) {
+int CJSONFile::gather_facts(bool isPhoto, bool withMedia, int fd) {
     clear_facts();
-    read_file_facts();
+    read_file_facts(fd);
     if (!withMedia) {
         return 0;
     }
-    return isPhoto ? read_photo_facts() : read_video_facts();
+    return isPhoto ? read_photo_facts(fd) : read_video_facts(fd);
 }
 
-void CJSONFile::read_file_facts() {
+// With a descriptor, the facts are those of the file it holds, whatever the path names now.
+void CJSONFile::read_file_facts(int fd) {
     struct stat st;
-    if (lstat(fullPath, &st) != 0) {
+    if ((fd >= 0 ? fstat(fd, &st) : lstat(fullPath, &st)) != 0) {
         log_print(3, "%s lstat error\n", fullPath);
         return;
     }
@@ -117,7 +118,7 @@ void CJSONFile::read_file_facts() {
     }
 }
 
-int CJSONFile::read_photo_facts() {
+int CJSONFile::read_photo_facts(int fd) {
     static const char* const kPhoto[] = {"JPG"};
     DispExt ext = display_extension(dispName, kPhoto, 1);
     if (ext == DispExt::None) {
@@ -126,12 +127,16 @@ int CJSONFile::read_photo_facts() {
     }
     if (ext == DispExt::Matched) {
         // A photo without readable EXIF simply keeps these fields empty.
-        exif_read_photo_info(maker, model, width, height, resUnit, colourSpace, fullPath);
+        if (fd >= 0) {
+            exif_read_photo_info_fd(maker, model, width, height, resUnit, colourSpace, fd);
+        } else {
+            exif_read_photo_info(maker, model, width, height, resUnit, colourSpace, fullPath);
+        }
     }
     return 0;
 }
 
-int CJSONFile::read_video_facts() {
+int CJSONFile::read_video_facts(int fd) {
     static const char* const kVideo[] = {"MP4", "MOV", "2nd"};
     DispExt ext = display_extension(dispName, kVideo, 3);
     if (ext == DispExt::None) {
@@ -140,7 +145,12 @@ int CJSONFile::read_video_facts() {
         return -1;
     }
     if (ext == DispExt::Matched) {
-        mp4_read_video_info(avgBitRate, frameRate, codeFormat, duration, width, height, fullPath);
+        if (fd >= 0) {
+            mp4_read_video_info_fd(avgBitRate, frameRate, codeFormat, duration, width, height, fd);
+        } else {
+            mp4_read_video_info(avgBitRate, frameRate, codeFormat, duration, width, height,
+                                fullPath);
+        }
     }
     return 0;
 }

@@ -12,10 +12,11 @@ public:
     CJSONFile();
 
     void set_names(const char* dispName, const char* fullPath);
-    int gather_facts(bool isPhoto, bool withMedia);
-    void read_file_facts();
-    int read_photo_facts();
-    int read_video_facts();
+    // fd, when given, is the file already opened for fullPath: it is read instead of the path.
+    int gather_facts(bool isPhoto, bool withMedia, int fd = -1);
+    void read_file_facts(int fd = -1);
+    int read_photo_facts(int fd = -1);
+    int read_video_facts(int fd = -1);
     void get_json_photo_param(cJSON* object, const char* fileType);
     void get_json_video_param(cJSON* object, const char* fileType);
 

@@ -162,32 +162,58 @@ void write_facts(const Mp4File* file, uint32_t id, char* avgBitRate, char* frame
 
 }  // namespace
 
+namespace {
+
+bool fields_given(char* avgBitRate, char* frameRate, char* codeFormat, char* duration,
+                  char* width, char* height) {
+    if (!avgBitRate || !frameRate || !codeFormat || !duration || !width || !height) {
+        fwrite("bad mp4 demuxer parameter!\n", 1, 27, stderr);
+        return false;
+    }
+    return true;
+}
+
+int report(const Mp4File* file, char* avgBitRate, char* frameRate, char* codeFormat,
+           char* duration, char* width, char* height) {
+    if (file == nullptr) {
+        fwrite("MP4Read error!\n", 1, 15, stderr);
+        return -1;
+    }
+    // Every video track overwrites the fields, so the last one is reported.
+    uint32_t count = mp4_track_count(file);
+    for (uint32_t i = 0; i < count; ++i) {
+        uint32_t id = mp4_track_id(file, i);
+        const char* type = mp4_track_type(file, id);
+        if (type == nullptr || std::strcmp(type, "vide") != 0) {
+            continue;
+        }
+        write_facts(file, id, avgBitRate, frameRate, codeFormat, duration, width, height);
+    }
+    return 0;
+}
+
+}  // namespace
+
 int mp4_read_video_info(char* avgBitRate, char* frameRate, char* codeFormat, char* duration,
                         char* width, char* height, const char* path) {
     if (path == nullptr) {
         fwrite("mp4FileName is wrong!\n", 1, 22, stderr);
         return -1;
     }
-    if (!avgBitRate || !frameRate || !codeFormat || !duration || !width || !height) {
-        fwrite("bad mp4 demuxer parameter!\n", 1, 27, stderr);
+    if (!fields_given(avgBitRate, frameRate, codeFormat, duration, width, height)) {
         return -1;
     }
     Mp4Handle file(mp4_open(path));
-    if (!file) {
-        fwrite("MP4Read error!\n", 1, 15, stderr);
+    return report(file.get(), avgBitRate, frameRate, codeFormat, duration, width, height);
+}
+
+int mp4_read_video_info_fd(char* avgBitRate, char* frameRate, char* codeFormat, char* duration,
+                           char* width, char* height, int fd) {
+    if (!fields_given(avgBitRate, frameRate, codeFormat, duration, width, height)) {
         return -1;
     }
-    // Every video track overwrites the fields, so the last one is reported.
-    uint32_t count = mp4_track_count(file.get());
-    for (uint32_t i = 0; i < count; ++i) {
-        uint32_t id = mp4_track_id(file.get(), i);
-        const char* type = mp4_track_type(file.get(), id);
-        if (type == nullptr || std::strcmp(type, "vide") != 0) {
-            continue;
-        }
-        write_facts(file.get(), id, avgBitRate, frameRate, codeFormat, duration, width, height);
-    }
-    return 0;
+    Mp4Handle file(mp4_open_fd(fd));
+    return report(file.get(), avgBitRate, frameRate, codeFormat, duration, width, height);
 }
 
 }  // namespace korvel

@@ -1,8 +1,8 @@
-// MP4/MOV box reader. The top level is walked with small bounded reads; the first moov is
-// read whole (after its size is checked against the file and MP4_MOOV_CAP) and parsed once
-// along the fixed paths we need, so nesting is bounded by construction. Every size, offset
-// and count is checked against its parent box before use; a box we decode that does not
-// fit fails the open, boxes we do not decode are stepped over.
+// MP4/MOV box reader. The top level is walked with small bounded reads up to the first
+// moov, which is read whole (after its size is checked against the file and MP4_MOOV_CAP)
+// and parsed once along the fixed paths we need, so nesting is bounded by construction.
+// Every size, offset and count is checked against its parent box before use; a box we
+// decode that does not fit fails the open, boxes we do not decode are stepped over.
 #include "media/mp4_reader.h"
 
 #include <fcntl.h>
@@ -13,6 +13,8 @@
 #include <cstring>
 #include <new>
 #include <vector>
+
+#include "core/scoped_fd.h"
 
 namespace korvel {
 
@@ -685,18 +687,6 @@ int parse_moov(Mp4File* f) {
 
 // ---- file level ----
 
-struct ScopedFd {
-    int fd = -1;
-    explicit ScopedFd(int f) : fd(f) {}
-    ~ScopedFd() {
-        if (fd >= 0) {
-            close(fd);
-        }
-    }
-    ScopedFd(const ScopedFd&) = delete;
-    ScopedFd& operator=(const ScopedFd&) = delete;
-};
-
 int pread_full(int fd, uint8_t* buf, size_t len, uint64_t offset) {
     size_t done = 0;
     while (done < len) {
@@ -712,13 +702,13 @@ int pread_full(int fd, uint8_t* buf, size_t len, uint64_t offset) {
     return 0;
 }
 
-// Finds the first top-level moov. Every top-level header must be valid and an ftyp must
-// hold its brands; everything else is stepped over by its size.
+// Finds the first top-level moov and stops there. Every header before it must be valid and
+// an ftyp must hold its brands; everything else is stepped over by its size. At most
+// MP4_TOP_BOXES_MAX boxes are looked at, so a file of tiny boxes cannot hold the caller.
 int find_moov(int fd, uint64_t fileSize, uint64_t* moovPayload, uint64_t* moovSize) {
     uint64_t pos = 0;
-    bool found = false;
     uint8_t h[24];
-    while (fileSize - pos >= 8) {
+    for (uint32_t boxes = 0; fileSize - pos >= 8 && boxes < MP4_TOP_BOXES_MAX; ++boxes) {
         uint64_t room = fileSize - pos;
         size_t want = room < sizeof h ? size_t(room) : sizeof h;
         if (pread_full(fd, h, want, pos) != 0) {
@@ -731,28 +721,27 @@ int find_moov(int fd, uint64_t fileSize, uint64_t* moovPayload, uint64_t* moovSi
         if (hdr.type == fourcc("ftyp") && hdr.size - hdr.headerLen < 8) {
             return -1;
         }
-        if (hdr.type == fourcc("moov") && !found) {
-            found = true;
+        if (hdr.type == fourcc("moov")) {
             *moovPayload = pos + hdr.headerLen;
             *moovSize = hdr.size - hdr.headerLen;
+            return 0;
         }
         pos += hdr.size;
     }
-    return found ? 0 : -1;
+    return -1;
 }
 
-int load(const char* path, Mp4File* f) {
-    ScopedFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+int load(int fd, Mp4File* f) {
     struct stat st;
-    if (fd.fd < 0 || fstat(fd.fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
         return -1;
     }
     uint64_t payload = 0, size = 0;
-    if (find_moov(fd.fd, uint64_t(st.st_size), &payload, &size) != 0 || size > MP4_MOOV_CAP) {
+    if (find_moov(fd, uint64_t(st.st_size), &payload, &size) != 0 || size > MP4_MOOV_CAP) {
         return -1;
     }
     f->moov.resize(size_t(size));
-    if (size > 0 && pread_full(fd.fd, f->moov.data(), size_t(size), payload) != 0) {
+    if (size > 0 && pread_full(fd, f->moov.data(), size_t(size), payload) != 0) {
         return -1;
     }
     if (parse_moov(f) != 0 || !f->hasMvhd) {
@@ -820,16 +809,22 @@ bool duration_ms(const Mp4Track& t, uint64_t* ms) {
 
 }  // namespace
 
-Mp4File* mp4_open(const char* path) {
-    if (path == nullptr) {
-        return nullptr;
-    }
+Mp4File* mp4_open_fd(int fd) {
     Mp4File* f = new (std::nothrow) Mp4File;
-    if (f != nullptr && load(path, f) != 0) {
+    if (f != nullptr && load(fd, f) != 0) {
         delete f;
         return nullptr;
     }
     return f;
+}
+
+Mp4File* mp4_open(const char* path) {
+    if (path == nullptr) {
+        return nullptr;
+    }
+    // Without waiting: a FIFO given by name must not block the reader.
+    ScopedFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    return fd.get() < 0 ? nullptr : mp4_open_fd(fd.get());
 }
 
 void mp4_close(Mp4File* file) {

@@ -15,11 +15,16 @@ struct Mp4File;
 constexpr uint32_t MP4_INVALID_TRACK_ID = 0;
 // Returned by the duration calls when there is no answer.
 constexpr uint64_t MP4_INVALID_DURATION = UINT64_MAX;
-// Largest moov we agree to hold in memory; anything bigger is refused at open.
-constexpr uint64_t MP4_MOOV_CAP = 32ull * 1024 * 1024;
+// Largest moov we agree to hold in memory; anything bigger is refused at open. A one-hour
+// clip's moov is a few MiB at most.
+constexpr uint64_t MP4_MOOV_CAP = 16ull * 1024 * 1024;
+// Top-level boxes looked at before the moov; a camera file has a handful (ftyp, free, mdat).
+constexpr uint32_t MP4_TOP_BOXES_MAX = 1024;
 
 // Null when the file cannot be opened or is not a well-formed MP4/MOV.
 Mp4File* mp4_open(const char* path);
+// The same from a descriptor the caller opened (and keeps), read with pread only.
+Mp4File* mp4_open_fd(int fd);
 void mp4_close(Mp4File* file);
 
 struct Mp4FileCloser {

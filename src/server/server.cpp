@@ -93,6 +93,7 @@ void CDownload::korvel_download_init() {
     DWF_DELHandler* deleter = new DWF_DELHandler();
     deleter->start();
     mdeletehanlder = deleter;
+    queue_leftovers(*deleter);
 }
 
 int32_t CDownload::make_socket_nonblocking(int fd) {

@@ -4,6 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdint>
+
 #include "client/event_base.h"
 #include "core/config.h"
 #include "log/log.h"
@@ -20,14 +23,25 @@ void CEventBase::process_cap_get(int fd) {
         return;
     }
     const char* path = active_capability_path();
+    // The size of the file actually opened, whatever the path does next. A FIFO or device
+    // at the fixed path is no capability file; a size past 32 bits cannot be announced.
     int capFd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    struct stat st {};
+    if (capFd >= 0 && (fstat(capFd, &st) != 0 || !S_ISREG(st.st_mode))) {
+        close(capFd);
+        capFd = -1;
+        errno = ENOENT;
+    }
     if (capFd < 0) {
         log_warn("[WARN],%scap file open error\n", "void korvel::CEventBase::process_cap_get(int)");
         send_msg_ack_to_app(fd, 1, 18, 0, 1, ACK_NOT_FOUND, 0);
         return;
     }
-    struct stat st {};
-    fstat(capFd, &st);  // the size of the file actually opened, whatever the path does next
+    if (static_cast<uint64_t>(st.st_size) > UINT32_MAX) {
+        close(capFd);
+        send_msg_ack_to_app(fd, MARKER_LAST, MSG_CAPABILITY, 0, 1, ACK_TOO_LARGE, 0);
+        return;
+    }
     fileSize = static_cast<uint32_t>(st.st_size);
     readOffset = 0;
     // The capability file takes the transfer file's place; the one it replaces is closed

@@ -4,11 +4,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
 
 #include "client/event_base.h"
+#include "core/card_fs.h"
+#include "core/scoped_fd.h"
 #include "log/log.h"
 #include "media/exif.h"
 #include "transfer/paths.h"
@@ -18,23 +21,16 @@ namespace korvel {
 
 namespace {
 
+// A name exists only as a regular file on the card, reached through no link: a link, a
+// FIFO or a directory of that name is answered like a missing file.
 bool exists(const std::string& path) {
-    return access(path.c_str(), F_OK) == 0;
+    return card_is_regular(path.c_str());
 }
 
-// Regular files only, never through a link, and never waiting on a FIFO: the loop thread
-// must not block and nothing outside the card may be reached through the card.
-int open_media_file(const char* path) {
-    int fd = open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
-        return -1;
-    }
-    struct stat st {};
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        close(fd);
-        return -1;
-    }
-    return fd;
+// The embedded thumbnail of a JPEG opened the same way as a download.
+int read_embedded_thumbnail(const std::string& jpeg, uint8_t* buf, uint32_t cap, uint32_t* size) {
+    ScopedFd fd(card_open_regular(jpeg.c_str()));
+    return fd.get() < 0 ? -1 : exif_read_thumbnail_fd(fd.get(), buf, cap, size);
 }
 
 }  // namespace
@@ -95,7 +91,7 @@ int32_t CEventBase::download_file_name_check(CPacket& packet) {
         return -1;
     }
     uint32_t size = 0;
-    if (exif_read_thumbnail(jpeg.c_str(), thumbBuf, sizeof thumbBuf, &size) != 0) {
+    if (read_embedded_thumbnail(jpeg, thumbBuf, sizeof thumbBuf, &size) != 0) {
         return -1;
     }
     thumbSize = size;
@@ -123,18 +119,23 @@ int32_t CEventBase::process_data_file_download(int fd, CPacket& packet) {
         size_le(fileSize, size);
         return send_msg_data_to_app(fd, 1, 2, 0, size, sizeof size);
     }
-    int newFd = open_media_file(downFileName);
-    if (newFd < 0) {
+    ScopedFd newFd(card_open_regular(downFileName));
+    struct stat st {};
+    if (newFd.get() < 0 || fstat(newFd.get(), &st) != 0) {
         log_print(1, "file open error\n");
         return send_msg_ack_to_app(fd, 1, 2, 0, 1, ACK_FAILED, 0);
+    }
+    // The size reply has 32 bits: a larger size would be announced cut, and an app that
+    // deletes after a complete download would lose the rest.
+    if (static_cast<uint64_t>(st.st_size) > UINT32_MAX) {
+        log_print(1, "file too large: %s\n", downFileName);
+        return send_msg_ack_to_app(fd, MARKER_LAST, MSG_DOWNLOAD, 0, 1, ACK_TOO_LARGE, 0);
     }
     if (fileFd != -1) {
         close(fileFd);  // the capability file, which leaves fileOpened clear
     }
-    fileFd = newFd;
+    fileFd = newFd.release();
     fileOpened = 1;
-    struct stat st {};
-    fstat(fileFd, &st);  // the opened file itself; the name cannot be a link (O_NOFOLLOW)
     fileSize = static_cast<uint32_t>(st.st_size);
     log_print(1, "downFileName:%s, fileSize = %d\n", downFileName, static_cast<int>(fileSize));
     if (event_switch_meminfo(fd, 2) != 0) {

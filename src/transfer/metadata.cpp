@@ -13,6 +13,8 @@
 
 #include "media/json_file.h"
 #include "client/event_base.h"
+#include "core/card_fs.h"
+#include "core/scoped_fd.h"
 #include "log/log.h"
 #include "transfer/burst.h"
 #include "transfer/paths.h"
@@ -44,7 +46,10 @@ int32_t CEventBase::process_data_file_metadata(int fd, CPacket& packet) {
     char bare[1024];
     copy_text(bare, sizeof bare, filename.c_str());
     copy_text(downFileName, sizeof downFileName, (absfiledir + "/" + bare).c_str());
-    if (access(downFileName, F_OK) != 0) {
+    // The facts are read from this descriptor only: a regular file on the card, reached
+    // through no link and opened without waiting. Anything else is a missing file.
+    ScopedFd file(card_open_regular(downFileName));
+    if (file.get() < 0) {
         send_msg_ack_to_app(fd, 1, 19, 0, 1, ACK_NOT_FOUND, 0);
         return -1;
     }
@@ -64,7 +69,7 @@ int32_t CEventBase::process_data_file_metadata(int fd, CPacket& packet) {
     if (video || photo) {
         cJSON* record = cJSON_CreateObject();
         mediaRecord->set_names(fileName, downFileName);
-        mediaRecord->gather_facts(photo, true);
+        mediaRecord->gather_facts(photo, true, file.get());
         if (video) {
             mediaRecord->get_json_video_param(record, ext);
         } else {

@@ -174,6 +174,7 @@ TEST_F(DeleteRequestTest, NothingOffTheLocationIsRenamedOrUnlinked) {
 TEST(Deleter, PassesOverMissingAndEmptyPathsAndStopsEvenRightAfterStart) {
     testsupport::TempDir dir;
     testsupport::write_file(dir.file("V.MP4"), "x");
+    testing_seam::set_sd_root(dir.path().c_str());  // the deleter only removes files on the card
     {
         DWF_DELHandler d;
         d.queue_path(dir.file("never-there.MP4"));

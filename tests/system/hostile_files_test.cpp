@@ -1,0 +1,190 @@
+// Strange files on the card against the running server: links that lead off the card,
+// FIFOs, MP4s built to hold the reader, deletes a crash left half done and files too large
+// for a 32-bit size. Each is answered promptly as a missing or refused file, nothing off
+// the card is touched, and a well-behaved app is served afterwards.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+
+#include "app/client.h"
+#include "core/card_fs.h"
+#include "core/packet.h"
+#include "delete/deleter.h"
+#include "media/mp4_reader.h"
+#include "support/jpeg_builder.h"
+#include "support/mp4_builder.h"
+#include "support/soak_client.h"
+#include "support/temp_dir.h"
+#include "support/test_server.h"
+
+namespace korvel {
+namespace {
+
+using namespace testsupport;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+class HostileFiles : public testing::Test {
+protected:
+    TempDir tmp;
+    std::string root = tmp.file("SD0"), dcim = root + "/DCIM", media = dcim + "/100MEDIA";
+    std::string outside = tmp.file("outside");
+    std::string good = jpeg_file(camera_plan("Good", "G", 64, 48, small_jpeg()));
+    std::string clip = mp4_file(moov(trak({})));
+    std::unique_ptr<TestServer> server;
+    app::Client c;
+    SessionParams p;
+    uint32_t peer = 0x52000001;
+
+    void SetUp() override {
+        make_dirs(media);
+        make_dirs(outside);
+        write_file(media + "/GOOD.JPG", good);
+        p.timeoutMs = 3000;  // every request is answered well within this, or the test fails
+    }
+    void TearDown() override {
+        testing_seam::force_component_walk(false);
+        c.close_connection();
+        server.reset();
+    }
+    void start() {
+        server.reset(new TestServer(root, tmp.file("cap.xml")));
+        c.peerID = peer++;
+        ASSERT_EQ(c.connect_to("127.0.0.1", server->port(), p.timeoutMs), app::CLIENT_OK);
+        ASSERT_EQ(configure_session(c, p), int(ACK_DONE));
+    }
+    // The code a download request is refused with; the size when it is answered.
+    uint32_t download_answer(const std::string& name) {
+        Fetched f;
+        uint32_t size = 0;
+        return request_size(c, name, p, f, size) ? size : f.code;
+    }
+    // The metadata text, or "refused <code>".
+    std::string metadata(const std::string& name) {
+        Fetched f = fetch_metadata(c, name, p);
+        return f.outcome == Outcome::Done ? f.bytes : "refused " + std::to_string(f.code);
+    }
+    std::string catalogue() { return fetch_catalogue(c, 1, p).bytes; }
+    void expect_good_served() {
+        EXPECT_EQ(clean_session(server->port(), peer++, 1, "100MEDIA-GOOD.JPG", good), "");
+    }
+};
+
+const std::string NOT_FOUND = "refused " + std::to_string(ACK_NOT_FOUND);
+
+// Both ways of resolving beneath the card: the kernel's, and the walk older kernels get.
+TEST_F(HostileFiles, LinksNeverReachOffTheCard) {
+    std::string photo = jpeg_file(camera_plan("Out", "O", 8, 8, small_jpeg()));
+    write_file(outside + "/IMG_0001.JPG", photo);
+    write_file(outside + "/VID.MP4", clip);
+    ASSERT_EQ(symlink(outside.c_str(), (dcim + "/105MEDIA").c_str()), 0);
+    ASSERT_EQ(symlink((outside + "/IMG_0001.JPG").c_str(), (media + "/LINK.JPG").c_str()), 0);
+    ASSERT_EQ(symlink((outside + "/VID.MP4").c_str(), (media + "/LINK.MP4").c_str()), 0);
+    start();
+    for (bool walk : {false, true}) {
+        testing_seam::force_component_walk(walk);
+        for (const char* name : {"105MEDIA-IMG_0001.JPG", "105MEDIA-IMG_0001.thm",
+                                 "100MEDIA-LINK.JPG", "100MEDIA-LINK.thm", "100MEDIA-LINK.MP4"}) {
+            EXPECT_EQ(download_answer(name), ACK_NOT_FOUND) << name << " walk " << walk;
+            EXPECT_EQ(metadata(name), NOT_FOUND) << name << " walk " << walk;
+        }
+        EXPECT_THAT(catalogue(), AllOf(HasSubstr("GOOD.JPG"), Not(HasSubstr("LINK")),
+                                       Not(HasSubstr("105MEDIA"))));
+        // The linked directory is a bad name; linked files are passed over like missing ones.
+        ASSERT_EQ(c.request_delete(R"({"media":["100MEDIA-LINK.JPG","100MEDIA-LINK.MP4",)"
+                                   R"("105MEDIA-IMG_0001.JPG","105MEDIA-VID.MP4"]})"),
+                  app::CLIENT_OK);
+        for (uint32_t code : {ACK_DONE, ACK_BAD_NAME, ACK_BAD_NAME}) {
+            app::Reply r;
+            ASSERT_EQ(c.read_reply_of(MSG_DELETE, r, p.timeoutMs), app::CLIENT_OK);
+            EXPECT_EQ(r.ackCode, code);
+        }
+    }
+    EXPECT_EQ(read_file(outside + "/IMG_0001.JPG"), photo);
+    EXPECT_EQ(read_file(outside + "/VID.MP4"), clip);
+    expect_good_served();
+}
+
+TEST_F(HostileFiles, FifosAreMissingFilesAndNothingWaitsOnThem) {
+    ASSERT_EQ(mkfifo((media + "/IMG_0001.JPG").c_str(), 0600), 0);
+    ASSERT_EQ(mkfifo((root + "/krv_log.conf").c_str(), 0600), 0);  // read by every trace call
+    start();
+    for (const char* name : {"100MEDIA-IMG_0001.JPG", "100MEDIA-IMG_0001.thm"}) {
+        EXPECT_EQ(download_answer(name), ACK_NOT_FOUND) << name;
+        EXPECT_EQ(metadata(name), NOT_FOUND) << name;
+    }
+    EXPECT_THAT(catalogue(), AllOf(HasSubstr("GOOD.JPG"), Not(HasSubstr("IMG_0001"))));
+    expect_good_served();
+}
+
+// Past its caps the reader gives up at once: the file is described without video facts.
+TEST_F(HostileFiles, Mp4ReaderStopsAtItsCaps) {
+    std::string m = moov(trak({}));
+    std::string frees;
+    for (uint32_t i = 0; i + 2 < MP4_TOP_BOXES_MAX; ++i) {
+        frees += be32(8) + "free";
+    }
+    const std::string bigMoov = ftyp() + be32(uint32_t(MP4_MOOV_CAP + 9)) + "moov" + mvhd();
+    struct Case {
+        const char* name;
+        std::string bytes;
+        bool described;
+    } cases[] = {{"GOOD.MP4", clip, true},
+                 {"FREES.MP4", ftyp() + frees + m, true},  // the moov is the last box looked at
+                 {"MORE.MP4", ftyp() + frees + be32(8) + "free" + m, false},
+                 {"BIG.MP4", bigMoov, false}};  // a moov payload one byte over the cap
+    for (const Case& k : cases) {
+        write_file(media + "/" + k.name, k.bytes);
+    }
+    ASSERT_EQ(truncate((media + "/BIG.MP4").c_str(), off_t(ftyp().size() + MP4_MOOV_CAP + 9)), 0);
+    start();
+    for (const Case& k : cases) {
+        std::string width = k.described ? "640" : "";
+        EXPECT_THAT(metadata(std::string("100MEDIA-") + k.name),
+                    HasSubstr("\"imgWidth\":\t\"" + width + "\""))
+            << k.name;
+    }
+    expect_good_served();
+}
+
+TEST_F(HostileFiles, DeletesLeftInTheHoldingDirectoryAreFinishedAtStartUp) {
+    if (mdeletehanlder != nullptr) {
+        GTEST_SKIP() << "this process started its deleter already";
+    }
+    std::string holding = dcim + "/tmp_delete";
+    make_dirs(holding);
+    write_file(holding + "/OLD.MP4", "old");
+    write_file(holding + "/OLD.2nd", "old");
+    write_file(outside + "/KEEP.MP4", "keep");
+    ASSERT_EQ(symlink((outside + "/KEEP.MP4").c_str(), (holding + "/LINK.MP4").c_str()), 0);
+    start();
+    auto left = [&] { return exists(holding + "/OLD.MP4") || exists(holding + "/OLD.2nd"); };
+    for (int i = 0; i < 500 && left(); ++i) {
+        usleep(10000);
+    }
+    EXPECT_FALSE(left());
+    EXPECT_EQ(read_file(outside + "/KEEP.MP4"), "keep");
+    expect_good_served();
+}
+
+TEST_F(HostileFiles, FilesOf4GiBOrMoreAreRefusedNotCut) {
+    const uint64_t hugeSize = (uint64_t(1) << 32) + 1000;
+    write_file(media + "/HUGE.MP4", "");
+    write_file(media + "/EDGE.MP4", "");
+    ASSERT_EQ(truncate((media + "/HUGE.MP4").c_str(), off_t(hugeSize)), 0);  // sparse
+    ASSERT_EQ(truncate((media + "/EDGE.MP4").c_str(), off_t(UINT32_MAX)), 0);
+    start();
+    EXPECT_EQ(download_answer("100MEDIA-HUGE.MP4"), ACK_TOO_LARGE);
+    EXPECT_EQ(download_answer("100MEDIA-EDGE.MP4"), UINT32_MAX);  // the largest announceable
+    std::string size = "\"fileSize\":\t\"" + std::to_string(hugeSize) + "\"";
+    EXPECT_THAT(catalogue(), HasSubstr(size));
+    EXPECT_THAT(metadata("100MEDIA-HUGE.MP4"), HasSubstr(size));
+    expect_good_served();
+}
+
+}  // namespace
+}  // namespace korvel
