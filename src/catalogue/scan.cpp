@@ -237,8 +237,8 @@ int32_t CEventBase::json_look_from_dir(cJSON* media) {
             continue;  // never scan a cut path: it could name a directory elsewhere
         }
         // A link to a directory is not followed, so the scan stays on the card.
-        int mediaFd = openat(dirfd(dir.get()), e->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW |
-                                                              O_CLOEXEC);
+        int mediaFd =
+            openat(dirfd(dir.get()), e->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
         if (mediaFd < 0) {
             continue;
         }

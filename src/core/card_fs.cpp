@@ -142,7 +142,7 @@ int card_open_parent(const char* path, const char** leaf) {
 bool is_regular_at(int dirFd, const char* name, struct stat* st) {
     struct stat local;
     struct stat* s = st != nullptr ? st : &local;
-    if (dirFd < 0 || !plain_component(name, strlen(name))) {
+    if (dirFd < 0 || strchr(name, '/') != nullptr || !plain_component(name, strlen(name))) {
         return false;
     }
     return fstatat(dirFd, name, s, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(s->st_mode);

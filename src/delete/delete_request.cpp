@@ -18,8 +18,8 @@
 
 #include "client/event_base.h"
 #include "core/card_fs.h"
-#include "core/scoped_fd.h"
 #include "core/config.h"
+#include "core/scoped_fd.h"
 #include "delete/deleter.h"
 #include "log/log.h"
 #include "transfer/paths.h"

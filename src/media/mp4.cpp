@@ -164,8 +164,8 @@ void write_facts(const Mp4File* file, uint32_t id, char* avgBitRate, char* frame
 
 namespace {
 
-bool fields_given(char* avgBitRate, char* frameRate, char* codeFormat, char* duration,
-                  char* width, char* height) {
+bool fields_given(char* avgBitRate, char* frameRate, char* codeFormat, char* duration, char* width,
+                  char* height) {
     if (!avgBitRate || !frameRate || !codeFormat || !duration || !width || !height) {
         fwrite("bad mp4 demuxer parameter!\n", 1, 27, stderr);
         return false;
@@ -173,8 +173,8 @@ bool fields_given(char* avgBitRate, char* frameRate, char* codeFormat, char* dur
     return true;
 }
 
-int report(const Mp4File* file, char* avgBitRate, char* frameRate, char* codeFormat,
-           char* duration, char* width, char* height) {
+int report(const Mp4File* file, char* avgBitRate, char* frameRate, char* codeFormat, char* duration,
+           char* width, char* height) {
     if (file == nullptr) {
         fwrite("MP4Read error!\n", 1, 15, stderr);
         return -1;
