@@ -1,6 +1,6 @@
 // Resolution beneath the card root. Where the kernel has openat2 it resolves the whole name
 // with RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS; older kernels answer ENOSYS, and from then on
-// the name is walked one component at a time with O_NOFOLLOW.
+// every name is walked one component at a time with O_NOFOLLOW.
 #include "core/card_fs.h"
 
 #include <fcntl.h>
@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <utility>
 
 #include "core/config.h"
 #include "core/scoped_fd.h"
@@ -116,8 +117,10 @@ int card_open_dir(const char* path) {
         return -1;
     }
     if (!g_forceWalk && !g_kernelLacksOpenat2) {
+        // ENOSYS: an older kernel; EPERM: a sandbox that filters the call. The walk is as
+        // safe, only a few calls longer.
         int fd = open_by_kernel(root.get(), rel);
-        if (fd >= 0 || errno != ENOSYS) {
+        if (fd >= 0 || (errno != ENOSYS && errno != EPERM)) {
             return fd;
         }
         g_kernelLacksOpenat2 = true;

@@ -112,11 +112,16 @@ TEST_F(HostileFiles, LinksNeverReachOffTheCard) {
 TEST_F(HostileFiles, FifosAreMissingFilesAndNothingWaitsOnThem) {
     ASSERT_EQ(mkfifo((media + "/IMG_0001.JPG").c_str(), 0600), 0);
     ASSERT_EQ(mkfifo((root + "/krv_log.conf").c_str(), 0600), 0);  // read by every trace call
+    ASSERT_EQ(mkfifo(tmp.file("cap.xml").c_str(), 0600), 0);
     start();
     for (const char* name : {"100MEDIA-IMG_0001.JPG", "100MEDIA-IMG_0001.thm"}) {
         EXPECT_EQ(download_answer(name), ACK_NOT_FOUND) << name;
         EXPECT_EQ(metadata(name), NOT_FOUND) << name;
     }
+    app::Reply cap;
+    ASSERT_EQ(c.request_capability(), app::CLIENT_OK);
+    ASSERT_EQ(c.read_reply_of(MSG_CAPABILITY, cap, p.timeoutMs), app::CLIENT_OK);
+    EXPECT_EQ(cap.ackCode, ACK_NOT_FOUND);
     EXPECT_THAT(catalogue(), AllOf(HasSubstr("GOOD.JPG"), Not(HasSubstr("IMG_0001"))));
     expect_good_served();
 }
