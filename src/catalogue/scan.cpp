@@ -1,5 +1,6 @@
 // The catalogue scan: finds the media directories under the app's location and sorts their
-// file names into per-directory lists by catalogue type. Worker thread, full paths only.
+// file names into per-directory lists by catalogue type. Worker thread; directories are read
+// through descriptors opened beneath the card.
 #include <dirent.h>
 #include <fcntl.h>
 #include <strings.h>
