@@ -11,6 +11,7 @@
 #include <string>
 
 #include "catalogue/catalogue.h"
+#include "catalogue/catalogue_text.h"
 #include "client/event_base.h"
 #include "core/config.h"
 #include "log/log.h"
@@ -179,6 +180,12 @@ DirScan scan_media_dir(CEventBase& eb, const char* dirPath, int32_t slot) {
 }  // namespace
 
 int32_t CEventBase::json_look_from_dir(cJSON* media) {
+    CatalogueSink out;
+    out.media = media;
+    return json_look_from_dir(out);
+}
+
+int32_t CEventBase::json_look_from_dir(CatalogueSink& out) {
     const char* root = catalogueLocation.resourceLocation;
     struct stat st;
     if (lstat(root, &st) != 0 || !S_ISDIR(st.st_mode)) {
@@ -227,7 +234,7 @@ int32_t CEventBase::json_look_from_dir(cJSON* media) {
         }
     }
     dir.reset();
-    return json_look_by_filetype(media, slot);
+    return json_look_by_filetype(out, slot);
 }
 
 }  // namespace korvel
