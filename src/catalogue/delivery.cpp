@@ -1,5 +1,6 @@
 // The catalogue task: builds the catalogue's text once per event base, entry by entry, then
 // serves it from memory in bursts by byte offset. Worker thread.
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -64,6 +65,9 @@ void CEventBase::json_file_list_create(uint32_t* length) {
     release_lists(extraFileLists.data(), extraFileLists.size());
     cJSON_Delete(catalogueJson);
     catalogueJson = nullptr;
+    // The lists and the entries were freed among memory that stays in use, so their pages
+    // would stay resident beside the text for as long as the app pages through it.
+    malloc_trim(0);
     if (!writer.failed) {
         catalogue_text_end(writer);
     }
