@@ -1,9 +1,12 @@
 // App load for the footprint script: holds N configured apps connected to a running server,
-// or keeps N apps busy for a while with catalogues and downloads. Loopback only; every loop
-// is bounded by a count and a deadline, so it ends by itself.
+// keeps N apps busy for a while with catalogues and downloads, or has N apps fetch their
+// whole catalogues and stay connected without acknowledging the last package, as apps
+// paging through a catalogue do. Loopback only; every loop is bounded by a count and a
+// deadline, so it ends by itself.
 //
 // usage: footprint_clients hold N PORT
 //        footprint_clients soak N SECONDS PORT [NAME]
+//        footprint_clients browse N PORT
 #include <poll.h>
 #include <unistd.h>
 
@@ -35,6 +38,9 @@ constexpr int MAX_CATALOGUE_REQUESTS = 1000;
 constexpr int MAX_SOAK_LOOPS = 1000000;
 constexpr uint32_t HOLD_PEER_BASE = 0x4600;
 constexpr uint32_t SOAK_PEER_BASE = 0x5600;
+constexpr uint32_t BROWSE_PEER_BASE = 0x6600;
+// A big card's first catalogue is built before its first packet goes out.
+constexpr int BROWSE_TIMEOUT_MS = 60 * 1000;
 
 struct JsonDeleter {
     void operator()(cJSON* j) const { cJSON_Delete(j); }
@@ -118,13 +124,13 @@ uint32_t le32(const std::vector<uint8_t>& b) {
 }
 
 // The whole catalogue text, page by page; empty on any failure.
-std::string fetch_catalogue(SoakApp& a) {
+std::string fetch_catalogue(SoakApp& a, int timeoutMs = REPLY_TIMEOUT_MS) {
     std::string text;
     int s = a.client.request_catalogue(1, 0, 1);
     for (int requests = 0; s == app::CLIENT_OK && requests < MAX_CATALOGUE_REQUESTS; ++requests) {
         for (uint32_t count = 0; count < a.blocks; ++count) {
             app::Reply r;
-            if (a.client.read_reply_of(0, r, REPLY_TIMEOUT_MS) != app::CLIENT_OK ||
+            if (a.client.read_reply_of(0, r, timeoutMs) != app::CLIENT_OK ||
                 r.reqType == 1 || r.offset != text.size() || r.payload.empty()) {
                 return std::string();
             }
@@ -247,6 +253,45 @@ int run_soak(int n, int seconds, uint16_t port, const std::string& name) {
     return st.downloads.load() > 0 ? 0 : 1;
 }
 
+// ---- browse ----
+
+// Each app fetches its whole catalogue at once (type 1, 65,535-byte packets, bursts of
+// 3,200), all apps together; then they stay until released.
+int run_browse(int n, uint16_t port) {
+    std::vector<std::unique_ptr<SoakApp>> apps;
+    std::vector<size_t> got(static_cast<size_t>(n), 0);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < n; ++i) {
+        apps.emplace_back(new SoakApp());
+        SoakApp& a = *apps.back();
+        a.packsize = 65535;
+        a.blocks = 3200;
+        if (connect_and_configure(a.client, port, BROWSE_PEER_BASE + i, a.packsize, a.blocks) != 0) {
+            fprintf(stderr, "footprint_clients: app %d could not connect and configure\n", i);
+            return 1;
+        }
+    }
+    for (int i = 0; i < n; ++i) {
+        threads.emplace_back([&apps, &got, i] { got[i] = fetch_catalogue(*apps[i], BROWSE_TIMEOUT_MS).size(); });
+    }
+    for (auto& t : threads) {
+        t.join();
+    }
+    for (int i = 0; i < n; ++i) {
+        if (got[i] == 0) {
+            fprintf(stderr, "footprint_clients: app %d got no catalogue\n", i);
+            return 1;
+        }
+    }
+    printf("ready %d %zu\n", n, got[0]);
+    fflush(stdout);
+    wait_for_release();
+    for (auto& a : apps) {
+        quit_app(a->client);
+    }
+    return 0;
+}
+
 bool parse_int(const char* text, int lo, int hi, int& out) {
     char* end = nullptr;
     long v = strtol(text, &end, 10);
@@ -260,7 +305,8 @@ bool parse_int(const char* text, int lo, int hi, int& out) {
 int usage() {
     fprintf(stderr,
             "usage: footprint_clients hold N PORT\n"
-            "       footprint_clients soak N SECONDS PORT [NAME]\n");
+            "       footprint_clients soak N SECONDS PORT [NAME]\n"
+            "       footprint_clients browse N PORT\n");
     return 2;
 }
 
@@ -278,6 +324,10 @@ int main(int argc, char** argv) {
     if (mode == "soak" && (argc == 5 || argc == 6) && parse_int(argv[2], 1, MAX_APPS, n) &&
         parse_int(argv[3], 1, 3600, seconds) && parse_int(argv[4], 1, 65535, port)) {
         return run_soak(n, seconds, static_cast<uint16_t>(port), argc == 6 ? argv[5] : "");
+    }
+    if (mode == "browse" && argc == 4 && parse_int(argv[2], 1, MAX_APPS, n) &&
+        parse_int(argv[3], 1, 65535, port)) {
+        return run_browse(n, static_cast<uint16_t>(port));
     }
     return usage();
 }

@@ -1,13 +1,15 @@
-// The catalogue task: builds and prints the catalogue once per event base, then serves it
-// from memory in bursts by byte offset. Worker thread.
+// The catalogue task: builds the catalogue's text once per event base, entry by entry, then
+// serves it from memory in bursts by byte offset. Worker thread.
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstring>
-#include <memory>
+#include <string>
+#include <vector>
 
 #include <cjson/cJSON.h>
 
+#include "catalogue/catalogue_text.h"
 #include "client/event_base.h"
 #include "core/packet.h"
 #include "log/log.h"
@@ -17,13 +19,15 @@ namespace korvel {
 
 namespace {
 
-struct PrintedFree {
-    void operator()(char* text) const { cJSON_free(text); }
-};
-using PrintedText = std::unique_ptr<char, PrintedFree>;
-
 // The catalogue's fixed brand value: the quotes are part of the string.
 constexpr const char* CATALOGUE_IMAGE = "\"KORVEL\"";
+
+// The name lists are only the walk's input; the next build scans again.
+void release_lists(std::vector<std::string>* lists, size_t count) {
+    for (size_t i = 0; i < count; ++i) {
+        std::vector<std::string>().swap(lists[i]);
+    }
+}
 
 }  // namespace
 
@@ -47,19 +51,32 @@ void CEventBase::json_file_list_create(uint32_t* length) {
     cJSON_AddItemToObject(catalogueJson, "rootdir",
                           cJSON_CreateString(catalogueLocation.resourceLocation));
     cJSON_AddItemToObject(catalogueJson, "media", media);
-    if (access(catalogueLocation.resourceLocation, F_OK) == 0) {
+    // The envelope is printed with its media array empty; the entries are printed into
+    // the text one at a time and dropped, so only the text stays.
+    CatalogueWriter writer{catalogueText, nullptr};
+    CatalogueSink out;
+    out.writer = &writer;
+    if (catalogue_text_begin(writer, catalogueJson) &&
+        access(catalogueLocation.resourceLocation, F_OK) == 0) {
         // A scan that failed or was cut short still leaves a valid, shorter catalogue.
-        json_look_from_dir(media);
+        json_look_from_dir(out);
     }
-    PrintedText printed(cJSON_Print(catalogueJson));
-    size_t len = printed ? strlen(printed.get()) : 0;
-    if (len == 0 || len > UINT32_MAX) {
+    release_lists(mediaFileLists.data(), mediaFileLists.size());
+    release_lists(extraFileLists.data(), extraFileLists.size());
+    cJSON_Delete(catalogueJson);
+    catalogueJson = nullptr;
+    // The lists and the entries were freed among memory that stays in use, so their pages
+    // would stay resident beside the text for as long as the app pages through it.
+    malloc_trim(0);
+    if (!writer.failed) {
+        catalogue_text_end(writer);
+    }
+    size_t len = catalogueText.size();
+    if (writer.failed || len > UINT32_MAX) {
         log_print(1, "jason arry create failed.");
-        cJSON_Delete(catalogueJson);
-        catalogueJson = nullptr;
+        std::string().swap(catalogueText);
         return;
     }
-    catalogueText.assign(printed.get(), len);
     *length = static_cast<uint32_t>(len);
 }
 

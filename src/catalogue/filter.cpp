@@ -1,5 +1,6 @@
 // The catalogue walk: one JSON object per listed photo or video, with its thumbnail and
-// second stream nested, in slot order and then list order. Worker thread.
+// second stream nested, in slot order and then list order; each goes into the sink as soon
+// as it is made. Worker thread.
 #include <strings.h>
 
 #include <cstdio>
@@ -13,6 +14,7 @@
 #include <cjson/cJSON.h>
 
 #include "catalogue/catalogue.h"
+#include "catalogue/catalogue_text.h"
 #include "media/json_file.h"
 #include "client/event_base.h"
 #include "core/config.h"
@@ -92,14 +94,24 @@ cJSON* describe(const WalkSlot& w, const std::string& file, bool isPhoto, bool v
     return object;
 }
 
+// Printed entries are deleted at once, so the walk holds one entry at a time.
+void emit(CatalogueSink& out, cJSON* entry) {
+    if (out.writer != nullptr) {
+        catalogue_text_add(*out.writer, entry);
+        cJSON_Delete(entry);
+    } else if (!cJSON_AddItemToArray(out.media, entry)) {
+        cJSON_Delete(entry);
+    }
+}
+
 void attach(cJSON* entry, const char* key, cJSON* child) {
     if (child != nullptr && !cJSON_AddItemToObject(entry, key, child)) {
         cJSON_Delete(child);
     }
 }
 
-// Appends the entry of one listed file, with its companions, to the media array.
-void add_entry(const WalkSlot& w, cJSON* media, const std::string& name) {
+// Makes the entry of one listed file, with its companions, and hands it to the sink.
+void add_entry(const WalkSlot& w, CatalogueSink& out, const std::string& name) {
     char stem[NAME_BUF];
     char ext[NAME_BUF] = "";
     if (sscanf(name.c_str(), "%255[^.].%255s", stem, ext) < 1) {
@@ -124,9 +136,36 @@ void add_entry(const WalkSlot& w, cJSON* media, const std::string& name) {
     if (video && has_companion(w.extras, stem, ".2nd", key, sizeof key)) {
         attach(entry, "second", describe(w, key, false, false, "2nd"));
     }
-    if (!cJSON_AddItemToArray(media, entry)) {
-        cJSON_Delete(entry);
+    emit(out, entry);
+}
+
+// The longest text of an entry and of a nested companion apart from their name and file
+// type: ten members of the longer key set a line each at their depth, the braces and the
+// separator, a 20-byte size and a 19-byte date.
+constexpr size_t ENTRY_TEXT = 208 + 39;
+constexpr size_t COMPANION_TEXT = 234 + 39;
+
+// An upper bound of the text the walk adds, from the listed names alone, so the text is
+// reserved once and never holds two copies while it grows. A companion nested in several
+// entries (IMG.JPG and IMG.jpg beside one IMG.thm) is counted once; only that rare card
+// grows past the reserve.
+size_t estimate_text(const CEventBase& eb, int32_t slots) {
+    char prefix[16] = "";
+    if (eb.catalogueLocation.userDefLocation) {
+        snprintf(prefix, sizeof prefix, "%d-", eb.catalogueLocation.resourceLocationId);
     }
+    size_t bytes = 0;
+    for (int32_t slot = 0; slot < slots; ++slot) {
+        const std::string dir = prefix + eb.mediaDirNames[slot] + "-";
+        const size_t dirBytes = json_string_bytes(dir.data(), dir.size());
+        for (const std::string& name : eb.mediaFileLists[slot]) {
+            bytes += ENTRY_TEXT + dirBytes + 2 * json_string_bytes(name.data(), name.size());
+        }
+        for (const std::string& name : eb.extraFileLists[slot]) {
+            bytes += COMPANION_TEXT + dirBytes + json_string_bytes(name.data(), name.size());
+        }
+    }
+    return bytes;
 }
 
 int32_t stop_on_quit() {
@@ -151,7 +190,7 @@ void CEventBase::make_display_name(const std::string& file, const std::string& d
     }
 }
 
-int32_t CEventBase::json_look_by_filetype(cJSON* media, int32_t filledSlots) {
+int32_t CEventBase::json_look_by_filetype(CatalogueSink& out, int32_t filledSlots) {
     log_print(1, "debug: enter json_look_by_filetype\n");
     // A record of the walk's own: the main thread fills mediaRecord for metadata requests
     // while this runs.
@@ -159,6 +198,10 @@ int32_t CEventBase::json_look_by_filetype(cJSON* media, int32_t filledSlots) {
     int32_t slots = filledSlots < 0 ? 0 : filledSlots;
     if (slots > static_cast<int32_t>(MAX_MEDIA_DIRS)) {
         slots = static_cast<int32_t>(MAX_MEDIA_DIRS);
+    }
+    if (out.writer != nullptr) {
+        std::string& text = out.writer->text;
+        text.reserve(text.size() + estimate_text(*this, slots));
     }
     for (int32_t slot = 0; slot < slots; ++slot) {
         const std::vector<std::string>& files = mediaFileLists[slot];
@@ -171,9 +214,12 @@ int32_t CEventBase::json_look_by_filetype(cJSON* media, int32_t filledSlots) {
         const ExtraIndex extras = index_extras(extraFileLists[slot]);
         const WalkSlot w{*this, *record, mediaDirNames[slot], extras};
         for (const std::string& name : files) {
-            add_entry(w, media, name);
+            add_entry(w, out, name);
             if (quitRequested) {
                 return stop_on_quit();
+            }
+            if (out.writer != nullptr && out.writer->failed) {
+                return -1;
             }
         }
     }

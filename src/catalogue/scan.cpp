@@ -14,6 +14,7 @@
 #include <string>
 
 #include "catalogue/catalogue.h"
+#include "catalogue/catalogue_text.h"
 #include "client/event_base.h"
 #include "core/card_fs.h"
 #include "core/config.h"
@@ -201,6 +202,12 @@ DirScan scan_media_dir(CEventBase& eb, int dirFd, const char* dirPath, int32_t s
 }  // namespace
 
 int32_t CEventBase::json_look_from_dir(cJSON* media) {
+    CatalogueSink out;
+    out.media = media;
+    return json_look_from_dir(out);
+}
+
+int32_t CEventBase::json_look_from_dir(CatalogueSink& out) {
     const char* root = catalogueLocation.resourceLocation;
     // The location and every media directory are opened beneath the card without following
     // a link, so the scan never walks or describes anything off the card.
@@ -253,7 +260,7 @@ int32_t CEventBase::json_look_from_dir(cJSON* media) {
         }
     }
     dir.reset();
-    return json_look_by_filetype(media, slot);
+    return json_look_by_filetype(out, slot);
 }
 
 }  // namespace korvel

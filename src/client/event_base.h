@@ -26,6 +26,7 @@ struct cJSON;
 namespace korvel {
 
 class CJSONFile;
+struct CatalogueSink;
 
 constexpr uint8_t TASK_CATALOGUE = 0;
 constexpr uint8_t TASK_DELETE = 1;
@@ -115,11 +116,12 @@ public:
     // ---- catalogue/: scan, classification, walk, delivery (worker) ----
     void json_file_list_send(int fd, uint8_t marker, uint16_t type, uint32_t offset);
     void json_file_list_create(uint32_t* length);
-    int32_t json_look_from_dir(cJSON* media);
+    int32_t json_look_from_dir(CatalogueSink& out);
+    int32_t json_look_from_dir(cJSON* media);  // the same walk, every entry into one array
     void json_media_type_classify(char* ext, const char* name, int32_t slot);
     void json_look_by_filetime(char* ext, const char* name, const uint16_t& type, int32_t slot);
     bool is_recent(int32_t limit);
-    int32_t json_look_by_filetype(cJSON* media, int32_t filledSlots);
+    int32_t json_look_by_filetype(CatalogueSink& out, int32_t filledSlots);
     void make_display_name(const std::string& file, const std::string& dir, char* dispName,
                            char* fullPath);
 
@@ -144,7 +146,7 @@ public:
     uint32_t thumbSize = 0;          // main; regionMutex
     std::atomic<uint8_t> thumbReady{0};  // main
     std::atomic<uint8_t> busy{0};    // worker
-    cJSON* catalogueJson = nullptr;  // worker
+    cJSON* catalogueJson = nullptr;  // worker: the envelope, only while the text is built
     std::unique_ptr<CJSONFile> mediaRecord;  // main (metadata); the catalogue uses its own record
     std::string catalogueText;       // worker
     char ctimePath[1024];            // worker
