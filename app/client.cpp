@@ -269,7 +269,7 @@ int Client::send_raw(const void* bytes, size_t len) {
 int Client::send_data(uint32_t peer, uint32_t seq, uint8_t msgType, uint8_t marker, uint32_t offset,
                       const void* payload, uint32_t len) {
     std::vector<uint8_t> pkt =
-        encode_packet(0, marker, msgType, seq, peer, offset, timestamp_now(), payload, len);
+        encode_packet(REQ_DATA, marker, msgType, seq, peer, offset, timestamp_now(), payload, len);
     return send_raw(pkt.data(), pkt.size());
 }
 
@@ -279,7 +279,7 @@ int Client::send_ctrl(uint32_t peer, uint32_t seq, uint8_t msgType, uint8_t mark
     put_be32(ack, static_cast<uint32_t>(ackFlag & 1) << 31 |
                       static_cast<uint32_t>(ackValue & 0x7FFF) << 16 | ackCode);
     std::vector<uint8_t> pkt =
-        encode_packet(1, marker, msgType, seq, peer, offset, timestamp_now(), ack, 4);
+        encode_packet(REQ_CONTROL, marker, msgType, seq, peer, offset, timestamp_now(), ack, 4);
     return send_raw(pkt.data(), pkt.size());
 }
 
@@ -360,15 +360,15 @@ int Client::read_reply(Reply& reply, int timeoutMs) {
 int Client::configure(uint16_t packsize, uint16_t blocks, const std::string& location,
                       bool userDefined) {
     std::vector<uint8_t> p = build_config_payload(packsize, blocks, location, userDefined);
-    return data(17, p.data(), static_cast<uint32_t>(p.size()));
+    return data(MSG_CONFIG, p.data(), static_cast<uint32_t>(p.size()));
 }
 
 int Client::request_catalogue(uint16_t type, uint32_t offset, uint8_t marker) {
-    return ctrl(0, offset, type, marker);
+    return ctrl(MSG_CATALOGUE, offset, type, marker);
 }
 
 int Client::request_download(const std::string& name) {
-    return data(2, name.data(), static_cast<uint32_t>(name.size()));
+    return data(MSG_DOWNLOAD, name.data(), static_cast<uint32_t>(name.size()));
 }
 
 int Client::request_chunk(uint32_t offset, uint32_t length, uint8_t msgType) {
@@ -379,25 +379,25 @@ int Client::request_chunk(uint32_t offset, uint32_t length, uint8_t msgType) {
 }
 
 int Client::ack_last_package(uint8_t marker) {
-    return ctrl(0, 0, 0, marker, 1, ACK_END_OF_DATA);
+    return ctrl(MSG_CATALOGUE, 0, 0, marker, 1, ACK_END_OF_DATA);
 }
 
 int Client::quit() {
-    return ctrl(7);
+    return ctrl(MSG_QUIT);
 }
 
 int Client::request_metadata(const std::string& name) {
-    return data(19, name.data(), static_cast<uint32_t>(name.size()));
+    return data(MSG_METADATA, name.data(), static_cast<uint32_t>(name.size()));
 }
 
 int Client::request_capability() {
     // The server never reads this payload, but a packet must carry at least four bytes.
     uint8_t zero[4] = {0, 0, 0, 0};
-    return data(18, zero, 4);
+    return data(MSG_CAPABILITY, zero, 4);
 }
 
 int Client::request_delete(const std::string& json) {
-    return data(1, json.data(), static_cast<uint32_t>(json.size()));
+    return data(MSG_DELETE, json.data(), static_cast<uint32_t>(json.size()));
 }
 
 }  // namespace app

@@ -35,16 +35,16 @@ int fetch_catalogue_burst(Session& s, uint16_t type, bool first, std::string& te
         if (rc != EXIT_OK) {
             return rc;
         }
-        if (reply.reqType == 1) {
+        if (reply.reqType == REQ_CONTROL) {
             return report_ack(s, reply, "catalogue");
         }
-        if (reply.msgType != 0 || reply.offset != text.size() ||
+        if (reply.msgType != MSG_CATALOGUE || reply.offset != text.size() ||
             text.size() + reply.payload.size() > MAX_CATALOGUE) {
             fprintf(s.err, "korvel-app: catalogue: packet out of order\n");
             return EXIT_PROTOCOL;
         }
         text.append(reply.payload.begin(), reply.payload.end());
-        ended = reply.marker == 1 || reply.marker == 3;
+        ended = reply.marker == MARKER_LAST || reply.marker == MARKER_CONT_LAST;
     }
     if (!ended && text.size() == offset) {
         fprintf(s.err, "korvel-app: catalogue: empty burst\n");

@@ -25,7 +25,7 @@ int read_text_burst(Session& s, uint32_t msgType, const char* what, std::string&
         if (rc != EXIT_OK) {
             return rc;
         }
-        if (reply.reqType == 1) {
+        if (reply.reqType == REQ_CONTROL) {
             return report_ack(s, reply, what);
         }
         if (reply.msgType != msgType || reply.offset != text.size()) {
@@ -33,7 +33,7 @@ int read_text_burst(Session& s, uint32_t msgType, const char* what, std::string&
             return EXIT_PROTOCOL;
         }
         text.append(reply.payload.begin(), reply.payload.end());
-        if (reply.marker == 1 || reply.marker == 3) {
+        if (reply.marker == MARKER_LAST || reply.marker == MARKER_CONT_LAST) {
             return EXIT_OK;
         }
     }
@@ -87,7 +87,7 @@ int drain_delete_acks(Session& s, uint32_t reqType, uint32_t msgType, int& first
         if (reply.reqType == reqType && reply.msgType == msgType) {
             return EXIT_OK;
         }
-        if (reply.reqType == 1 && reply.msgType == 1) {
+        if (reply.reqType == REQ_CONTROL && reply.msgType == MSG_DELETE) {
             note_delete_ack(s, reply, first);
         }
     }
@@ -120,7 +120,7 @@ int cmd_meta(Session& s, const std::vector<std::string>& args) {
     }
     std::string text;
     if (rc == EXIT_OK) {
-        rc = read_text_burst(s, 19, args[0].c_str(), text);
+        rc = read_text_burst(s, MSG_METADATA, args[0].c_str(), text);
     }
     if (rc == EXIT_OK) {
         fprintf(s.out, "%s\n", text.c_str());
@@ -142,7 +142,7 @@ int cmd_cap(Session& s, const std::vector<std::string>& args) {
     }
     std::string text;
     if (rc == EXIT_OK) {
-        rc = read_text_burst(s, 18, "capability file", text);
+        rc = read_text_burst(s, MSG_CAPABILITY, "capability file", text);
     }
     if (rc == EXIT_OK && out.empty()) {
         fwrite(text.data(), 1, text.size(), s.out);
@@ -169,7 +169,8 @@ int cmd_rm(Session& s, const std::vector<std::string>& args) {
     int first = EXIT_OK;
     Reply reply;
     if (rc == EXIT_OK) {
-        rc = drain_delete_acks(s, 1, 1, first, reply);  // the first answer: accepted or not
+        // The first answer: accepted or not.
+        rc = drain_delete_acks(s, REQ_CONTROL, MSG_DELETE, first, reply);
     }
     if (rc == EXIT_OK && reply.ackCode != ACK_DONE) {
         rc = report_ack(s, reply, "rm");
@@ -182,11 +183,11 @@ int cmd_rm(Session& s, const std::vector<std::string>& args) {
     // Quitting now waits for the running request to finish, and a position query after the
     // quit is answered only once every reply of that request is out.
     int r = s.client.quit();
-    rc =
-        r == CLIENT_OK ? drain_delete_acks(s, 1, 7, first, reply) : report_client_error(s, r, "rm");
+    rc = r == CLIENT_OK ? drain_delete_acks(s, REQ_CONTROL, MSG_QUIT, first, reply)
+                        : report_client_error(s, r, "rm");
     if (rc == EXIT_OK) {
-        r = s.client.ctrl(5);
-        rc = r == CLIENT_OK ? drain_delete_acks(s, 0, 5, first, reply)
+        r = s.client.ctrl(MSG_POSITION);
+        rc = r == CLIENT_OK ? drain_delete_acks(s, REQ_DATA, MSG_POSITION, first, reply)
                             : report_client_error(s, r, "rm");
     }
     s.client.close_connection();
@@ -229,16 +230,16 @@ int cmd_pos(Session& s, const std::vector<std::string>& args) {
     }
     int rc = session_open(s);
     if (rc == EXIT_OK) {
-        int r = s.client.ctrl(5);
+        int r = s.client.ctrl(MSG_POSITION);
         rc = r == CLIENT_OK ? EXIT_OK : report_client_error(s, r, "pos");
     }
     Reply reply;
     if (rc == EXIT_OK) {
         rc = session_read(s, reply, "pos");
     }
-    if (rc == EXIT_OK && reply.reqType == 1) {
+    if (rc == EXIT_OK && reply.reqType == REQ_CONTROL) {
         rc = report_ack(s, reply, "pos");
-    } else if (rc == EXIT_OK && (reply.msgType != 5 || reply.payload.size() != 4)) {
+    } else if (rc == EXIT_OK && (reply.msgType != MSG_POSITION || reply.payload.size() != 4)) {
         fprintf(s.err, "korvel-app: pos: unexpected reply\n");
         rc = EXIT_PROTOCOL;
     }

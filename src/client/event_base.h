@@ -95,6 +95,8 @@ public:
                                  const void* data, uint32_t len);
     int32_t send_msg_ack_to_app(int fd, uint8_t marker, uint8_t msgType, uint32_t offset,
                                 uint8_t ackFlag, uint16_t ackCode, uint16_t ackValue);
+    // The standard acknowledgement of a request: marker 1, offset 0, ackFlag 1, ackValue 0.
+    int32_t send_status(int fd, uint8_t msgType, uint16_t ackCode);
     int32_t check_seq_no(CPacket& packet);
     int32_t check_crc(int fd, CPacket& packet);
     uint8_t quit_received();

@@ -44,6 +44,10 @@ int32_t CEventBase::send_msg_ack_to_app(int fd, uint8_t marker, uint8_t msgType,
     return r;
 }
 
+int32_t CEventBase::send_status(int fd, uint8_t msgType, uint16_t ackCode) {
+    return send_msg_ack_to_app(fd, MARKER_LAST, msgType, 0, 1, ackCode, 0);
+}
+
 int32_t CEventBase::check_seq_no(CPacket& packet) {
     uint32_t seq = packet.getSeqNO();
     if (seq < lastSeqNO) {

@@ -30,7 +30,6 @@ namespace {
 constexpr size_t BASE_MAX = 127;
 constexpr size_t EXT_MAX = 7;
 constexpr int MKDIR_ATTEMPTS = 11;  // the first try and ten retries
-constexpr uint8_t DELETE_MSG_TYPE = 1;
 
 struct JsonTreeDeleter {
     void operator()(cJSON* tree) const { cJSON_Delete(tree); }
@@ -54,7 +53,7 @@ struct DeleteTarget {
 enum class DirPlace { Inside, Missing, Outside };
 
 void reply(CEventBase& ev, int fd, uint16_t code) {
-    ev.send_msg_ack_to_app(fd, 1, DELETE_MSG_TYPE, 0, 1, code, 0);
+    ev.send_status(fd, MSG_DELETE, code);
 }
 
 // A path that does not fit is refused rather than cut: a cut path names another file.
@@ -225,7 +224,7 @@ int64_t elapsed_us(const struct timeval& start, const struct timeval& end) {
 
 void CEventBase::process_file_delete(int fd, char* text) {
     // The app hears back before anything is touched; the task owns and frees the text.
-    send_msg_ack_to_app(fd, 1, DELETE_MSG_TYPE, 0, 1, ACK_DONE, 0);
+    send_status(fd, MSG_DELETE, ACK_DONE);
     json_file_delete(fd, text);
 }
 

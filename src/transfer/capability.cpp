@@ -16,14 +16,14 @@ void CEventBase::process_cap_get(int fd) {
     RegionLock region(regionMutex, std::defer_lock);
     if (!lock_region(region)) {
         log_print(1, "capability while streaming, refused\n");
-        send_msg_ack_to_app(fd, 1, 18, 0, 1, ACK_FAILED, 0);
+        send_status(fd, MSG_CAPABILITY, ACK_FAILED);
         return;
     }
     const char* path = active_capability_path();
     int capFd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (capFd < 0) {
         log_warn("[WARN],%scap file open error\n", "void korvel::CEventBase::process_cap_get(int)");
-        send_msg_ack_to_app(fd, 1, 18, 0, 1, ACK_NOT_FOUND, 0);
+        send_status(fd, MSG_CAPABILITY, ACK_NOT_FOUND);
         return;
     }
     struct stat st {};
@@ -45,10 +45,10 @@ void CEventBase::process_cap_get(int fd) {
     }
     // The region holds one burst of the file; the loop never sends more than one burst. A
     // file that shrank under the region has had its 0xFB06 from the loop already.
-    BurstResult r = send_burst(*this, make_plan(fd, 18, mmap_base_addr, 0, fileSize));
+    BurstResult r = send_burst(*this, make_plan(fd, MSG_CAPABILITY, mmap_base_addr, 0, fileSize));
     if (r.end == BurstEnd::SendFailed) {
         log_print(1, "cap file send failed %d\n", static_cast<int>(r.lastResult));
-        send_msg_ack_to_app(fd, 1, 18, 0, 1, ACK_FAILED, 0);
+        send_status(fd, MSG_CAPABILITY, ACK_FAILED);
     }
 }
 

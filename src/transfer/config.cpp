@@ -90,7 +90,7 @@ void CEventBase::process_data_file_config(int fd, CPacket& packet) {
     if (burst > MAX_BURST_BYTES) {
         log_print(1, "exceed max memory size %d, %d", static_cast<int>(userDefBlocks.load()),
                   static_cast<int>(userDefPacksize.load()));
-        send_msg_ack_to_app(fd, 1, 17, 0, 1, ACK_TOO_LARGE, 0);
+        send_status(fd, MSG_CONFIG, ACK_TOO_LARGE);
         return;
     }
     log_print(
@@ -123,11 +123,11 @@ void CEventBase::process_data_file_config(int fd, CPacket& packet) {
     }
     if (loc.id == -1) {
         log_print(1, "wrong resource location: %s\n", loc.root.c_str());
-        send_msg_ack_to_app(fd, 1, 17, 0, 1, ACK_BAD_LOCATION, 0);
+        send_status(fd, MSG_CONFIG, ACK_BAD_LOCATION);
         return;
     }
     log_print(1, "resource location: %s, id %d\n", loc.root.c_str(), loc.id);
-    if (send_msg_ack_to_app(fd, 1, 17, 0, 1, ACK_DONE, 0) < 0) {
+    if (send_status(fd, MSG_CONFIG, ACK_DONE) < 0) {
         perror("send_msg_ack_to_app error");
     }
 }

@@ -107,26 +107,26 @@ int32_t CEventBase::process_data_file_download(int fd, CPacket& packet) {
     RegionLock region(regionMutex, std::defer_lock);
     if (!lock_region(region)) {
         log_print(1, "download while streaming, refused\n");
-        return send_msg_ack_to_app(fd, 1, 2, 0, 1, ACK_FAILED, 0);
+        return send_status(fd, MSG_DOWNLOAD, ACK_FAILED);
     }
     uint8_t size[4];
     if (download_file_name_check(packet) == -1) {
         log_print(1, "file not existed\n");
-        return send_msg_ack_to_app(fd, 1, 2, 0, 1, ACK_NOT_FOUND, 0);
+        return send_status(fd, MSG_DOWNLOAD, ACK_NOT_FOUND);
     }
     if (thumbReady) {
         log_print(1, "thm sent\n");
         size_le(thumbSize, size);
-        return send_msg_data_to_app(fd, 1, 2, 0, size, sizeof size);
+        return send_msg_data_to_app(fd, MARKER_LAST, MSG_DOWNLOAD, 0, size, sizeof size);
     }
     if (fileOpened) {
         size_le(fileSize, size);
-        return send_msg_data_to_app(fd, 1, 2, 0, size, sizeof size);
+        return send_msg_data_to_app(fd, MARKER_LAST, MSG_DOWNLOAD, 0, size, sizeof size);
     }
     int newFd = open_media_file(downFileName);
     if (newFd < 0) {
         log_print(1, "file open error\n");
-        return send_msg_ack_to_app(fd, 1, 2, 0, 1, ACK_FAILED, 0);
+        return send_status(fd, MSG_DOWNLOAD, ACK_FAILED);
     }
     if (fileFd != -1) {
         close(fileFd);  // the capability file, which leaves fileOpened clear
@@ -141,7 +141,7 @@ int32_t CEventBase::process_data_file_download(int fd, CPacket& packet) {
         return -1;
     }
     size_le(fileSize, size);
-    return send_msg_data_to_app(fd, 1, 2, 0, size, sizeof size);
+    return send_msg_data_to_app(fd, MARKER_LAST, MSG_DOWNLOAD, 0, size, sizeof size);
 }
 
 }  // namespace korvel

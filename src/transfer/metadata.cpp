@@ -33,19 +33,19 @@ struct TextDeleter {
 
 int32_t CEventBase::process_data_file_metadata(int fd, CPacket& packet) {
     if (!take_request_name(packet, fileName)) {
-        send_msg_ack_to_app(fd, 1, 19, 0, 1, ACK_BAD_NAME, 0);
+        send_status(fd, MSG_METADATA, ACK_BAD_NAME);
         return -1;
     }
     std::string filename, absfiledir;
     if (!resolve_confined(*this, fileName, filename, absfiledir)) {
-        send_msg_ack_to_app(fd, 1, 19, 0, 1, ACK_NOT_FOUND, 0);
+        send_status(fd, MSG_METADATA, ACK_NOT_FOUND);
         return -1;
     }
     char bare[1024];
     copy_text(bare, sizeof bare, filename.c_str());
     copy_text(downFileName, sizeof downFileName, (absfiledir + "/" + bare).c_str());
     if (access(downFileName, F_OK) != 0) {
-        send_msg_ack_to_app(fd, 1, 19, 0, 1, ACK_NOT_FOUND, 0);
+        send_status(fd, MSG_METADATA, ACK_NOT_FOUND);
         return -1;
     }
     // Base names over 127 or extensions over 7 characters do not split into a known type,
@@ -76,7 +76,7 @@ int32_t CEventBase::process_data_file_metadata(int fd, CPacket& packet) {
     if (!text || quitRequested) {
         return 0;
     }
-    send_burst(*this, make_plan(fd, 19, reinterpret_cast<const uint8_t*>(text.get()), 0,
+    send_burst(*this, make_plan(fd, MSG_METADATA, reinterpret_cast<const uint8_t*>(text.get()), 0,
                                 static_cast<uint32_t>(strlen(text.get()))));
     return 0;
 }

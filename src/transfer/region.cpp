@@ -43,7 +43,7 @@ int32_t CEventBase::event_switch_meminfo(int fd, uint8_t msgType) {
         fileOpened = 0;
         fileFd = -1;
         mmap_base_addr = nullptr;
-        send_msg_ack_to_app(fd, 1, msgType, 0, 1, ACK_FAILED, 0);
+        send_status(fd, msgType, ACK_FAILED);
         return -1;
     }
     mmap_base_addr = static_cast<uint8_t*>(addr);
