@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "app/tool.h"
+#include "core/byte_order.h"
 #include "core/packet.h"
 
 namespace korvel {
@@ -110,8 +111,7 @@ int ask_size(Session& s, const std::string& name, bool quietNotFound, uint32_t& 
         fprintf(s.err, "korvel-app: %s: unexpected size reply\n", name.c_str());
         return EXIT_PROTOCOL;
     }
-    const uint8_t* p = reply.payload.data();
-    size = p[0] | p[1] << 8 | p[2] << 16 | static_cast<uint32_t>(p[3]) << 24;
+    size = load_le32(reply.payload.data());
     return EXIT_OK;
 }
 

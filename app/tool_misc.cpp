@@ -9,6 +9,7 @@
 #include <cjson/cJSON.h>
 
 #include "app/tool.h"
+#include "core/byte_order.h"
 #include "core/packet.h"
 
 namespace korvel {
@@ -244,9 +245,7 @@ int cmd_pos(Session& s, const std::vector<std::string>& args) {
         rc = EXIT_PROTOCOL;
     }
     if (rc == EXIT_OK) {
-        const uint8_t* p = reply.payload.data();
-        uint32_t v = static_cast<uint32_t>(p[0]) << 24 | p[1] << 16 | p[2] << 8 | p[3];
-        fprintf(s.out, "position: %u\n", v);
+        fprintf(s.out, "position: %u\n", load_be32(reply.payload.data()));
     }
     return finish(s, rc);
 }

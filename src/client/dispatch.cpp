@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "client/event_base.h"
+#include "core/byte_order.h"
 #include "log/log.h"
 
 namespace korvel {
@@ -13,9 +14,7 @@ namespace {
 
 // A chunk request's byte count travels little-endian in the first payload word.
 uint32_t first_word_le(const CPacket& packet) {
-    const uint8_t* p = packet.getPayload();
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
-           static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
+    return load_le32(packet.getPayload());
 }
 
 HandlerTask make_task(uint8_t type, int fd, uint32_t offset, uint32_t length) {

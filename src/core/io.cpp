@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/byte_order.h"
 #include "core/config.h"
 #include "core/packet.h"
 
@@ -53,11 +54,6 @@ int give_up_torn(int fd, bool torn) {
     }
     errno = saved;
     return -1;
-}
-
-uint32_t be32_at(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-           static_cast<uint32_t>(p[2]) << 8 | p[3];
 }
 
 }  // namespace
@@ -159,7 +155,7 @@ int32_t PacketAssembler::feed(int fd, CPacket& packet) {
         if (r > 0) {
             have += static_cast<uint32_t>(r);
             if (have == PACKET_HEADER_SIZE && need == 0) {
-                uint32_t len = be32_at(buf + 12);
+                uint32_t len = load_be32(buf + 12);
                 if (len < PACKET_MIN_RECV_PAYLOAD || len > PACKET_MAX_RECV_PAYLOAD) {
                     puts("parse payloadlen error");
                     reset();

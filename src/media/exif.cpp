@@ -7,6 +7,8 @@
 #include <memory>
 #include <new>
 
+#include "core/byte_order.h"
+
 namespace korvel {
 namespace {
 
@@ -50,7 +52,7 @@ bool has(const Segment& s, uint64_t pos, uint64_t bytes) {
 }
 
 uint16_t get16(const uint8_t* p, bool bigEndian) {
-    return bigEndian ? uint16_t(p[0] << 8 | p[1]) : uint16_t(p[1] << 8 | p[0]);
+    return bigEndian ? load_be16(p) : load_le16(p);
 }
 
 uint32_t get32(const uint8_t* p, bool bigEndian) {
@@ -314,7 +316,7 @@ int exif_read_photo_info(char* maker, char* model, char* width, char* height, ch
         return 0;  // no EXIF where the camera puts it: nothing to fill
     }
     char* const fields[] = {maker, model, width, height, resUnit, colourSpace};
-    return read_app1(fp.get(), pos, size, uint32_t(head[2] << 8 | head[3]), fields);
+    return read_app1(fp.get(), pos, size, load_be16(head + 2), fields);
 }
 
 namespace {

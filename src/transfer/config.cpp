@@ -8,6 +8,7 @@
 #include <string>
 
 #include "client/event_base.h"
+#include "core/byte_order.h"
 #include "log/log.h"
 #include "transfer/paths.h"
 
@@ -19,11 +20,6 @@ constexpr uint32_t CONFIG_BUF = 2048;
 constexpr uint32_t LOCATION_TEXT_MAX = 1024;
 constexpr uint32_t CONFIG_WORD_AT = 1024;
 constexpr uint32_t BLOCK_WORD_AT = 1028;
-
-uint32_t be32(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-           static_cast<uint32_t>(p[2]) << 8 | p[3];
-}
 
 struct Location {
     std::string root;
@@ -77,14 +73,14 @@ void CEventBase::process_data_file_config(int fd, CPacket& packet) {
     uint8_t buf[CONFIG_BUF] = {};
     memcpy(buf, packet.getPayload(), len);
     if (len >= BLOCK_WORD_AT) {
-        uint32_t word = be32(buf + CONFIG_WORD_AT);
+        uint32_t word = load_be32(buf + CONFIG_WORD_AT);
         userDefBlocks = 1;
         userDefConfig = static_cast<uint8_t>(word >> 31);
         softwareVerConfig = (word >> 16) & 0x7FFF;
         userDefPacksize = word & 0xFFFF;
     }
     if (len >= BLOCK_WORD_AT + 4) {
-        userDefBlocks = be32(buf + BLOCK_WORD_AT) & 0xFFFF;
+        userDefBlocks = load_be32(buf + BLOCK_WORD_AT) & 0xFFFF;
     }
     uint64_t burst = static_cast<uint64_t>(userDefBlocks) * userDefPacksize;
     if (burst > MAX_BURST_BYTES) {

@@ -6,6 +6,8 @@
 #include <mutex>
 #include <string>
 
+#include "core/byte_order.h"
+
 namespace korvel {
 
 // How long a request on the main thread waits for a running chunk stream of the same app
@@ -34,10 +36,7 @@ bool resolve_confined(CEventBase& eb, const char* name, std::string& filename,
 
 // The size reply's payload: the size as it lies in memory on the camera, little-endian.
 inline void size_le(uint32_t size, uint8_t out[4]) {
-    out[0] = static_cast<uint8_t>(size);
-    out[1] = static_cast<uint8_t>(size >> 8);
-    out[2] = static_cast<uint8_t>(size >> 16);
-    out[3] = static_cast<uint8_t>(size >> 24);
+    store_le32(out, size);
 }
 
 }  // namespace korvel
