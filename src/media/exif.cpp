@@ -8,6 +8,7 @@
 #include <new>
 
 #include "core/byte_order.h"
+#include "core/text.h"
 
 namespace korvel {
 namespace {
@@ -129,12 +130,6 @@ int exif_decode_entry(const Segment& s, uint32_t pos, char* text, uint16_t* tag,
     return 0;
 }
 
-void copy_field(char* field, size_t width, const char* text) {
-    size_t n = strnlen(text, width - 1);
-    memcpy(field, text, n);
-    field[n] = 0;
-}
-
 struct Target {
     uint16_t tag;
     char* field;
@@ -162,7 +157,7 @@ bool walk_dir(const Segment& s, uint32_t dir, const Target* targets, size_t ntar
         }
         for (size_t t = 0; t < ntargets; ++t) {
             if (targets[t].tag == tag) {
-                copy_field(targets[t].field, targets[t].width, text);
+                copy_truncated(targets[t].field, targets[t].width, text);
             }
         }
     }

@@ -9,6 +9,7 @@
 
 #include "client/event_base.h"
 #include "core/byte_order.h"
+#include "core/text.h"
 #include "log/log.h"
 #include "transfer/paths.h"
 
@@ -110,10 +111,10 @@ void CEventBase::process_data_file_config(int fd, CPacket& packet) {
     }
     {
         std::lock_guard<std::mutex> guard(locationMutex);
-        copy_text(resourceLocation, sizeof resourceLocation, loc.root.c_str());
+        copy_truncated(resourceLocation, sizeof resourceLocation, loc.root.c_str());
         userDefLocation = userDefConfig;
         if (loc.postfixSet) {
-            copy_text(locPostfix, sizeof locPostfix, loc.postfix.c_str());
+            copy_truncated(locPostfix, sizeof locPostfix, loc.postfix.c_str());
         }
         resourceLocationId = loc.id;
     }

@@ -13,6 +13,7 @@
 
 #include "media/json_file.h"
 #include "client/event_base.h"
+#include "core/text.h"
 #include "log/log.h"
 #include "transfer/burst.h"
 #include "transfer/paths.h"
@@ -42,8 +43,8 @@ int32_t CEventBase::process_data_file_metadata(int fd, CPacket& packet) {
         return -1;
     }
     char bare[1024];
-    copy_text(bare, sizeof bare, filename.c_str());
-    copy_text(downFileName, sizeof downFileName, (absfiledir + "/" + bare).c_str());
+    copy_truncated(bare, sizeof bare, filename.c_str());
+    copy_truncated(downFileName, sizeof downFileName, (absfiledir + "/" + bare).c_str());
     if (access(downFileName, F_OK) != 0) {
         send_status(fd, MSG_METADATA, ACK_NOT_FOUND);
         return -1;
