@@ -11,6 +11,7 @@
 #include "app/tool.h"
 #include "core/byte_order.h"
 #include "core/packet.h"
+#include "core/scoped.h"
 
 namespace korvel {
 namespace app {
@@ -56,14 +57,11 @@ int finish(Session& s, int rc) {
 }
 
 int write_whole(Session& s, const std::string& path, const std::string& bytes) {
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    bool ok =
-        fd >= 0 && write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
+    ScopedFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    bool ok = fd.valid() &&
+              write(fd.get(), bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
     if (!ok) {
         fprintf(s.err, "korvel-app: %s: %s\n", path.c_str(), strerror(errno));
-    }
-    if (fd >= 0) {
-        close(fd);
     }
     return ok ? EXIT_OK : EXIT_LOCAL;
 }

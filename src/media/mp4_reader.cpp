@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "core/byte_order.h"
+#include "core/scoped.h"
 
 namespace korvel {
 
@@ -681,18 +682,6 @@ int parse_moov(Mp4File* f) {
 
 // ---- file level ----
 
-struct ScopedFd {
-    int fd = -1;
-    explicit ScopedFd(int f) : fd(f) {}
-    ~ScopedFd() {
-        if (fd >= 0) {
-            close(fd);
-        }
-    }
-    ScopedFd(const ScopedFd&) = delete;
-    ScopedFd& operator=(const ScopedFd&) = delete;
-};
-
 int pread_full(int fd, uint8_t* buf, size_t len, uint64_t offset) {
     size_t done = 0;
     while (done < len) {
@@ -740,15 +729,15 @@ int find_moov(int fd, uint64_t fileSize, uint64_t* moovPayload, uint64_t* moovSi
 int load(const char* path, Mp4File* f) {
     ScopedFd fd(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat st;
-    if (fd.fd < 0 || fstat(fd.fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    if (!fd.valid() || fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         return -1;
     }
     uint64_t payload = 0, size = 0;
-    if (find_moov(fd.fd, uint64_t(st.st_size), &payload, &size) != 0 || size > MP4_MOOV_CAP) {
+    if (find_moov(fd.get(), uint64_t(st.st_size), &payload, &size) != 0 || size > MP4_MOOV_CAP) {
         return -1;
     }
     f->moov.resize(size_t(size));
-    if (size > 0 && pread_full(fd.fd, f->moov.data(), size_t(size), payload) != 0) {
+    if (size > 0 && pread_full(fd.get(), f->moov.data(), size_t(size), payload) != 0) {
         return -1;
     }
     if (parse_moov(f) != 0 || !f->hasMvhd) {
