@@ -10,6 +10,7 @@
 
 #include "app/tool.h"
 #include "core/byte_order.h"
+#include "core/json_ptr.h"
 #include "core/packet.h"
 #include "core/scoped.h"
 
@@ -93,17 +94,14 @@ int drain_delete_acks(Session& s, uint32_t reqType, uint32_t msgType, int& first
 }
 
 std::string delete_json(const std::vector<std::string>& names) {
-    cJSON* root = cJSON_CreateObject();
+    JsonTree root(cJSON_CreateObject());
     cJSON* media = cJSON_CreateArray();
-    cJSON_AddItemToObject(root, "media", media);
+    cJSON_AddItemToObject(root.get(), "media", media);
     for (const std::string& n : names) {
         cJSON_AddItemToArray(media, cJSON_CreateString(n.c_str()));
     }
-    char* text = cJSON_PrintUnformatted(root);
-    std::string out = text != nullptr ? text : "";
-    cJSON_free(text);
-    cJSON_Delete(root);
-    return out;
+    JsonText text(cJSON_PrintUnformatted(root.get()));
+    return text != nullptr ? text.get() : "";
 }
 
 }  // namespace

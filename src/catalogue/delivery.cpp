@@ -9,6 +9,7 @@
 #include <cjson/cJSON.h>
 
 #include "client/event_base.h"
+#include "core/json_ptr.h"
 #include "core/packet.h"
 #include "log/log.h"
 #include "transfer/burst.h"
@@ -16,11 +17,6 @@
 namespace korvel {
 
 namespace {
-
-struct PrintedFree {
-    void operator()(char* text) const { cJSON_free(text); }
-};
-using PrintedText = std::unique_ptr<char, PrintedFree>;
 
 // The catalogue's fixed brand value: the quotes are part of the string.
 constexpr const char* CATALOGUE_IMAGE = "\"KORVEL\"";
@@ -51,7 +47,7 @@ void CEventBase::json_file_list_create(uint32_t* length) {
         // A scan that failed or was cut short still leaves a valid, shorter catalogue.
         json_look_from_dir(media);
     }
-    PrintedText printed(cJSON_Print(catalogueJson));
+    JsonText printed(cJSON_Print(catalogueJson));
     size_t len = printed ? strlen(printed.get()) : 0;
     if (len == 0 || len > UINT32_MAX) {
         log_print(1, "jason arry create failed.");

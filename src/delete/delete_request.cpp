@@ -19,6 +19,7 @@
 
 #include "client/event_base.h"
 #include "core/config.h"
+#include "core/json_ptr.h"
 #include "delete/deleter.h"
 #include "log/log.h"
 #include "transfer/paths.h"
@@ -30,11 +31,6 @@ namespace {
 constexpr size_t BASE_MAX = 127;
 constexpr size_t EXT_MAX = 7;
 constexpr int MKDIR_ATTEMPTS = 11;  // the first try and ten retries
-
-struct JsonTreeDeleter {
-    void operator()(cJSON* tree) const { cJSON_Delete(tree); }
-};
-using JsonTree = std::unique_ptr<cJSON, JsonTreeDeleter>;
 
 enum class MediaKind { Other, Photo, Video };
 

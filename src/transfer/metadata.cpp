@@ -13,6 +13,7 @@
 
 #include "media/json_file.h"
 #include "client/event_base.h"
+#include "core/json_ptr.h"
 #include "core/text.h"
 #include "log/log.h"
 #include "transfer/burst.h"
@@ -20,17 +21,6 @@
 #include "transfer/transfer_internal.h"
 
 namespace korvel {
-
-namespace {
-
-struct JsonDeleter {
-    void operator()(cJSON* j) const { cJSON_Delete(j); }
-};
-struct TextDeleter {
-    void operator()(char* t) const { cJSON_free(t); }
-};
-
-}  // namespace
 
 int32_t CEventBase::process_data_file_metadata(int fd, CPacket& packet) {
     if (!take_request_name(packet, fileName)) {
@@ -56,7 +46,7 @@ int32_t CEventBase::process_data_file_metadata(int fd, CPacket& packet) {
     if (sscanf(bare, "%127[^.].%7s", base, ext) < 1) {
         return -1;
     }
-    std::unique_ptr<cJSON, JsonDeleter> doc(cJSON_CreateObject());
+    JsonTree doc(cJSON_CreateObject());
     cJSON_AddItemToObject(doc.get(), "filename", cJSON_CreateString(fileName));
     cJSON* list = cJSON_CreateArray();
     cJSON_AddItemToObject(doc.get(), "metadata", list);
@@ -73,7 +63,7 @@ int32_t CEventBase::process_data_file_metadata(int fd, CPacket& packet) {
         }
         cJSON_AddItemToArray(list, record);
     }
-    std::unique_ptr<char, TextDeleter> text(cJSON_Print(doc.get()));
+    JsonText text(cJSON_Print(doc.get()));
     if (!text || quitRequested) {
         return 0;
     }
