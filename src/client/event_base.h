@@ -19,6 +19,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/config.h"
 #include "core/packet.h"
 
 struct cJSON;
@@ -142,7 +143,7 @@ public:
     std::atomic<uint8_t> lastPackageDone{0};  // main
     std::atomic<uint8_t> sendFailed{0};       // worker or main (burst senders)
     char downFileName[1024];         // main
-    uint8_t thumbBuf[122880];        // main; regionMutex
+    uint8_t thumbBuf[THUMB_BUF_SIZE];  // main; regionMutex
     uint32_t thumbSize = 0;          // main; regionMutex
     std::atomic<uint8_t> thumbReady{0};  // main
     std::atomic<uint8_t> busy{0};    // worker

@@ -58,31 +58,6 @@ int give_up_torn(int fd, bool torn) {
 
 }  // namespace
 
-int readn(int fd, void* buf, int n) {
-    if (n <= 0) {
-        return n;
-    }
-    uint8_t* p = static_cast<uint8_t*>(buf);
-    int got = 0;
-    while (got < n) {
-        ssize_t r = read(fd, p + got, static_cast<size_t>(n - got));
-        if (r > 0) {
-            got += static_cast<int>(r);
-        } else if (r == 0) {
-            printf("client is closed, incomplete-size: %d!\n", got);
-            return 0;
-        } else if (errno == EINTR) {
-            continue;
-        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-            wait_ready(fd, POLLIN, -1);
-        } else {
-            perror("read error");
-            return -1;
-        }
-    }
-    return n;
-}
-
 int writen(int fd, const void* buf, int n) {
     return writev_all(fd, buf, n, nullptr, 0, nullptr, 0);
 }

@@ -9,9 +9,6 @@ namespace korvel {
 
 class CPacket;
 
-// n when all bytes arrived, 0 when the peer closed first, -1 on a read error.
-// Waits for readability with poll between partial reads.
-int readn(int fd, void* buf, int n);
 // n when all bytes were written, -1 on failure. Waits for writability with poll; gives up
 // (and shuts the connection down) after WRITE_STALL_MS without progress.
 int writen(int fd, const void* buf, int n);
