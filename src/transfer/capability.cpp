@@ -36,7 +36,7 @@ void CEventBase::process_cap_get(int fd) {
         close(fileFd);
     }
     fileFd = capFd;
-    if (event_switch_meminfo(fd, 18) != 0) {
+    if (event_switch_meminfo(fd, MSG_CAPABILITY) != 0) {
         log_print(1, "can't map download file to memory\n");
         return;
     }

@@ -137,7 +137,7 @@ int32_t CEventBase::process_data_file_download(int fd, CPacket& packet) {
     fstat(fileFd, &st);  // the opened file itself; the name cannot be a link (O_NOFOLLOW)
     fileSize = static_cast<uint32_t>(st.st_size);
     log_print(1, "downFileName:%s, fileSize = %d\n", downFileName, static_cast<int>(fileSize));
-    if (event_switch_meminfo(fd, 2) != 0) {
+    if (event_switch_meminfo(fd, MSG_DOWNLOAD) != 0) {
         return -1;
     }
     size_le(fileSize, size);
