@@ -16,7 +16,7 @@ int32_t CEventBase::send_msg_data_to_app(int fd, uint8_t marker, uint8_t msgType
     if (len > PACKET_MAX_PAYLOAD || (data == nullptr && len > 0)) {
         return -1;
     }
-    std::lock_guard<std::mutex> guard(sendMutex);
+    MutexLock guard(sendMutex);
     uint8_t trailer[PACKET_TRAILER_SIZE];
     if (!sendPacket.packDataHeader(marker, msgType, replySeqNO, offset, data, len, trailer)) {
         log_print(1, "payload unreadable, offset %u, size %u\n", offset, len);
@@ -35,7 +35,7 @@ int32_t CEventBase::send_msg_data_to_app(int fd, uint8_t marker, uint8_t msgType
 
 int32_t CEventBase::send_msg_ack_to_app(int fd, uint8_t marker, uint8_t msgType, uint32_t offset,
                                         uint8_t ackFlag, uint16_t ackCode, uint16_t ackValue) {
-    std::lock_guard<std::mutex> guard(sendMutex);
+    MutexLock guard(sendMutex);
     sendPacket.packAck(marker, msgType, replySeqNO, offset, ackFlag, ackCode, ackValue);
     int r = writen(fd, sendPacket.buffer(), PACKET_HEADER_SIZE + 4 + PACKET_TRAILER_SIZE);
     if (r < 0) {

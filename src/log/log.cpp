@@ -15,7 +15,7 @@ namespace korvel {
 
 std::atomic<bool> g_logenabled{false};
 std::atomic<int32_t> g_loglevel{0};
-std::mutex mLock;
+Mutex mLock;
 
 namespace {
 
@@ -61,7 +61,7 @@ bool read_switch_file(bool* present) {
     }
     char text[LOG_SWITCH_BYTES + 1] = {};
     {
-        std::lock_guard<std::mutex> guard(mLock);
+        MutexLock guard(mLock);
         size_t n = fread(text, 1, LOG_SWITCH_BYTES, f);
         text[n] = '\0';
     }

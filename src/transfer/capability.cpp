@@ -13,12 +13,12 @@
 namespace korvel {
 
 void CEventBase::process_cap_get(int fd) {
-    RegionLock region(regionMutex, std::defer_lock);
-    if (!lock_region(region)) {
+    if (!lock_region(regionMutex)) {
         log_print(1, "capability while streaming, refused\n");
         send_status(fd, MSG_CAPABILITY, ACK_FAILED);
         return;
     }
+    MutexLock region(regionMutex, ADOPT_LOCK);
     const char* path = active_capability_path();
     int capFd = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
     if (capFd < 0) {

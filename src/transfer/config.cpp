@@ -110,7 +110,7 @@ void CEventBase::process_data_file_config(int fd, CPacket& packet) {
         loc.root += MEDIA_SUBDIR;
     }
     {
-        std::lock_guard<std::mutex> guard(locationMutex);
+        MutexLock guard(locationMutex);
         copy_truncated(resourceLocation, sizeof resourceLocation, loc.root.c_str());
         userDefLocation = userDefConfig;
         if (loc.postfixSet) {

@@ -104,11 +104,11 @@ int32_t CEventBase::download_file_name_check(CPacket& packet) {
 }
 
 int32_t CEventBase::process_data_file_download(int fd, CPacket& packet) {
-    RegionLock region(regionMutex, std::defer_lock);
-    if (!lock_region(region)) {
+    if (!lock_region(regionMutex)) {
         log_print(1, "download while streaming, refused\n");
         return send_status(fd, MSG_DOWNLOAD, ACK_FAILED);
     }
+    MutexLock region(regionMutex, ADOPT_LOCK);
     uint8_t size[4];
     if (download_file_name_check(packet) == -1) {
         log_print(1, "file not existed\n");

@@ -80,7 +80,7 @@ bool is_confined(const char* root, const std::string& filename, const std::strin
 
 LocationSnapshot CEventBase::location_snapshot() {
     LocationSnapshot s;
-    std::lock_guard<std::mutex> guard(locationMutex);
+    MutexLock guard(locationMutex);
     memcpy(s.resourceLocation, resourceLocation, sizeof s.resourceLocation);
     memcpy(s.locPostfix, locPostfix, sizeof s.locPostfix);
     s.userDefLocation = userDefLocation;

@@ -78,9 +78,9 @@ bool region_still_backed(int fileFd, uint32_t mapoff, uint32_t mapsize) {
     return static_cast<uint64_t>(st.st_size) >= static_cast<uint64_t>(mapoff) + mapsize;
 }
 
-bool lock_region(RegionLock& lock) {
+bool lock_region(Mutex& regionMutex) {
     auto deadline = std::chrono::steady_clock::now() + REGION_WAIT;
-    while (!lock.try_lock()) {
+    while (!regionMutex.try_lock()) {
         if (std::chrono::steady_clock::now() >= deadline) {
             return false;
         }

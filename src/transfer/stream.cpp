@@ -26,7 +26,7 @@ uint32_t bytes_needed(uint32_t length, uint32_t mapsize, uint32_t burst, uint32_
 }  // namespace
 
 int32_t CEventBase::transfer_file_data(int fd, uint8_t msgType, uint32_t offset, uint32_t length) {
-    std::lock_guard<std::mutex> region(regionMutex);
+    MutexLock region(regionMutex);
     uint32_t burst = userDefPacksize * userDefBlocks;
     if (fileFd < 0 || mmap_base_addr == nullptr) {
         return send_msg_ack_to_app(fd, MARKER_CONT_LAST, msgType, 0, 1, ACK_END_OF_DATA, 0);
@@ -75,7 +75,7 @@ int32_t CEventBase::transfer_file_data(int fd, uint8_t msgType, uint32_t offset,
 }
 
 void CEventBase::transfer_thumbnail_data(int fd, uint32_t offset) {
-    std::lock_guard<std::mutex> region(regionMutex);
+    MutexLock region(regionMutex);
     if (quitRequested) {
         return;
     }
