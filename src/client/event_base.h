@@ -93,7 +93,7 @@ public:
 
     // ---- core/: replies and the loop's checks ----
     // send_msg_data_to_app's result when the payload could not be read (its mapping lost
-    // its pages); nothing was written.
+    // its pages); nothing was written. Not PacketAssembler::INCOMPLETE, whose value it shares.
     static constexpr int32_t SEND_SOURCE_LOST = -3;
     int32_t send_msg_data_to_app(int fd, uint8_t marker, uint8_t msgType, uint32_t offset,
                                  const void* data, uint32_t len) EXCLUDES(sendMutex);

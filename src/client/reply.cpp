@@ -23,6 +23,7 @@ int32_t CEventBase::send_msg_data_to_app(int fd, uint8_t marker, uint8_t msgType
         return SEND_SOURCE_LOST;  // nothing written: the stream is still whole
     }
     int size = static_cast<int>(len + PACKET_HEADER_SIZE + PACKET_TRAILER_SIZE);
+    // Fixed trace text: 329 is part of it, not this line's number; keep it as it is.
     log_print(1, "[%s:%d]msgtype = %02x,marker = %02x,message_size = %d\n", "send_msg_data_to_app",
               329, msgType, marker, size);
     int r = writev_all(fd, sendPacket.buffer(), PACKET_HEADER_SIZE, data, static_cast<int>(len),

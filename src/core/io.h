@@ -17,10 +17,12 @@ int writev_all(int fd, const void* a, int alen, const void* b, int blen, const v
 
 // Reassembles one packet of one connection across readiness events, reading only the
 // bytes of that packet. feed() returns: > 0 whole packet (payloadlen + 24) now in the
-// CPacket (header converted), 1 == INCOMPLETE is never a size, so INCOMPLETE is -3; 0 peer
-// closed; -1 read error; -2 bad payloadlen. Partial bytes live here between calls.
+// CPacket (header converted); INCOMPLETE; 0 peer closed; -1 read error; -2 bad payloadlen.
+// Partial bytes live here between calls.
 class PacketAssembler {
 public:
+    // The rest of the packet has not arrived yet. The assembler's own code: it shares its
+    // value with CEventBase::SEND_SOURCE_LOST but never meets it, so compare by name only.
     static constexpr int32_t INCOMPLETE = -3;
     PacketAssembler();
     ~PacketAssembler();

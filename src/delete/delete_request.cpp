@@ -249,6 +249,7 @@ void CEventBase::json_file_delete(int fd, const char* text) {
     tree.reset();
     struct timeval end;
     gettimeofday(&end, nullptr);
+    // Fixed trace text: 1114 is part of it, not this line's number; keep it as it is.
     log_print(1, "move: [%s:%d]cost time %dms\n", "json_file_delete", 1114,
               static_cast<int>(elapsed_us(start, end) / 1000));
 }

@@ -115,6 +115,8 @@ int CJSONFile::read_photo_facts() {
     static const char* const kPhoto[] = {"JPG"};
     DispExt ext = display_extension(dispName, kPhoto, 1);
     if (ext == DispExt::None) {
+        // Fixed warning text: the signature names get_json_photo_param on purpose, and the
+        // line has no line end; keep both.
         log_warn("[WARN],%ssscanf JPG file error", "int korvel::CJSONFile::get_json_photo_param()");
         return -1;
     }
@@ -129,6 +131,7 @@ int CJSONFile::read_video_facts() {
     static const char* const kVideo[] = {"MP4", "MOV", "2nd"};
     DispExt ext = display_extension(dispName, kVideo, 3);
     if (ext == DispExt::None) {
+        // Fixed warning text, as in read_photo_facts.
         log_warn("[WARN],%ssscanf mp4/mov file error",
                  "int korvel::CJSONFile::get_json_video_param()");
         return -1;

@@ -84,6 +84,8 @@ void CEventBase::process_data_file_config(int fd, CPacket& packet) {
         userDefBlocks = load_be32(buf + BLOCK_WORD_AT) & 0xFFFF;
     }
     uint64_t burst = static_cast<uint64_t>(userDefBlocks) * userDefPacksize;
+    // Refused with 0xFB08, yet the values just stored stay in force for later requests:
+    // apps rely on that answer and state, so this is not to be undone here.
     if (burst > MAX_BURST_BYTES) {
         log_print(1, "exceed max memory size %d, %d", static_cast<int>(userDefBlocks.load()),
                   static_cast<int>(userDefPacksize.load()));
