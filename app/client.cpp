@@ -16,24 +16,13 @@
 
 #include <cstring>
 
+#include "core/byte_order.h"
 #include "core/packet.h"
 
 namespace korvel {
 namespace app {
 
 namespace {
-
-void put_be32(uint8_t* p, uint32_t v) {
-    p[0] = static_cast<uint8_t>(v >> 24);
-    p[1] = static_cast<uint8_t>(v >> 16);
-    p[2] = static_cast<uint8_t>(v >> 8);
-    p[3] = static_cast<uint8_t>(v);
-}
-
-uint32_t get_be32(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-           static_cast<uint32_t>(p[2]) << 8 | p[3];
-}
 
 uint64_t wall_us() {
     timeval tv{};
@@ -144,15 +133,15 @@ std::vector<uint8_t> encode_packet(uint32_t reqType, uint32_t marker, uint32_t m
     std::vector<uint8_t> out(PACKET_HEADER_SIZE + len + PACKET_TRAILER_SIZE);
     uint32_t word0 =
         (reqType & 1) << 31 | (marker & 3) << 29 | (msgType & 31) << 24 | (seqNO & 0xFFFFFF);
-    put_be32(&out[0], word0);
-    put_be32(&out[4], peer);
-    put_be32(&out[8], offset);
-    put_be32(&out[12], len);
-    put_be32(&out[16], timestamp);
+    store_be32(&out[0], word0);
+    store_be32(&out[4], peer);
+    store_be32(&out[8], offset);
+    store_be32(&out[12], len);
+    store_be32(&out[16], timestamp);
     if (len > 0) {
         memcpy(&out[PACKET_HEADER_SIZE], payload, len);
     }
-    put_be32(&out[PACKET_HEADER_SIZE + len], packet_crc(out.data(), len));
+    store_be32(&out[PACKET_HEADER_SIZE + len], packet_crc(out.data(), len));
     return out;
 }
 
@@ -188,8 +177,8 @@ std::vector<uint8_t> build_config_payload(uint16_t packsize, uint16_t blocks,
     memcpy(out.data(), location.data(), location.size() < 1024 ? location.size() : 1024);
     uint32_t config = (userDefined ? 0x80000000u : 0u) |
                       static_cast<uint32_t>(softwareVer & 0x7FFF) << 16 | packsize;
-    put_be32(&out[1024], config);
-    put_be32(&out[1028], blocks);
+    store_be32(&out[1024], config);
+    store_be32(&out[1028], blocks);
     return out;
 }
 
@@ -269,17 +258,17 @@ int Client::send_raw(const void* bytes, size_t len) {
 int Client::send_data(uint32_t peer, uint32_t seq, uint8_t msgType, uint8_t marker, uint32_t offset,
                       const void* payload, uint32_t len) {
     std::vector<uint8_t> pkt =
-        encode_packet(0, marker, msgType, seq, peer, offset, timestamp_now(), payload, len);
+        encode_packet(REQ_DATA, marker, msgType, seq, peer, offset, timestamp_now(), payload, len);
     return send_raw(pkt.data(), pkt.size());
 }
 
 int Client::send_ctrl(uint32_t peer, uint32_t seq, uint8_t msgType, uint8_t marker, uint32_t offset,
                       uint8_t ackFlag, uint16_t ackValue, uint16_t ackCode) {
     uint8_t ack[4];
-    put_be32(ack, static_cast<uint32_t>(ackFlag & 1) << 31 |
+    store_be32(ack, static_cast<uint32_t>(ackFlag & 1) << 31 |
                       static_cast<uint32_t>(ackValue & 0x7FFF) << 16 | ackCode);
     std::vector<uint8_t> pkt =
-        encode_packet(1, marker, msgType, seq, peer, offset, timestamp_now(), ack, 4);
+        encode_packet(REQ_CONTROL, marker, msgType, seq, peer, offset, timestamp_now(), ack, 4);
     return send_raw(pkt.data(), pkt.size());
 }
 
@@ -323,7 +312,7 @@ int Client::read_reply(Reply& reply, int timeoutMs) {
     if (r != CLIENT_OK) {
         return r;
     }
-    uint32_t len = get_be32(buf + 12);
+    uint32_t len = load_be32(buf + 12);
     bool control = (buf[0] & 0x80) != 0;
     if (len > REPLY_MAX_PAYLOAD || (control && len != 4)) {
         return CLIENT_BAD_PACKET;  // the rest of the stream can no longer be framed
@@ -344,7 +333,7 @@ int Client::read_reply(Reply& reply, int timeoutMs) {
     reply.peerID = rx->getPeerID();
     reply.offset = rx->getOffset();
     reply.timestamp = rx->getTimestamp();
-    reply.crcOk = crc == get_be32(buf + PACKET_HEADER_SIZE + len);
+    reply.crcOk = crc == load_be32(buf + PACKET_HEADER_SIZE + len);
     reply.ackWord = control ? rx->getAckWord() : 0;
     reply.ackFlag = control ? rx->getAckFlag() : 0;
     reply.ackValue = control ? rx->getAckValue() : 0;
@@ -360,44 +349,44 @@ int Client::read_reply(Reply& reply, int timeoutMs) {
 int Client::configure(uint16_t packsize, uint16_t blocks, const std::string& location,
                       bool userDefined) {
     std::vector<uint8_t> p = build_config_payload(packsize, blocks, location, userDefined);
-    return data(17, p.data(), static_cast<uint32_t>(p.size()));
+    return data(MSG_CONFIG, p.data(), static_cast<uint32_t>(p.size()));
 }
 
 int Client::request_catalogue(uint16_t type, uint32_t offset, uint8_t marker) {
-    return ctrl(0, offset, type, marker);
+    return ctrl(MSG_CATALOGUE, offset, type, marker);
 }
 
 int Client::request_download(const std::string& name) {
-    return data(2, name.data(), static_cast<uint32_t>(name.size()));
+    return data(MSG_DOWNLOAD, name.data(), static_cast<uint32_t>(name.size()));
 }
 
 int Client::request_chunk(uint32_t offset, uint32_t length, uint8_t msgType) {
     // The length travels little-endian in the payload, unlike the header words.
-    uint8_t le[4] = {static_cast<uint8_t>(length), static_cast<uint8_t>(length >> 8),
-                     static_cast<uint8_t>(length >> 16), static_cast<uint8_t>(length >> 24)};
+    uint8_t le[4];
+    store_le32(le, length);
     return data(msgType, le, 4, offset);
 }
 
 int Client::ack_last_package(uint8_t marker) {
-    return ctrl(0, 0, 0, marker, 1, ACK_END_OF_DATA);
+    return ctrl(MSG_CATALOGUE, 0, 0, marker, 1, ACK_END_OF_DATA);
 }
 
 int Client::quit() {
-    return ctrl(7);
+    return ctrl(MSG_QUIT);
 }
 
 int Client::request_metadata(const std::string& name) {
-    return data(19, name.data(), static_cast<uint32_t>(name.size()));
+    return data(MSG_METADATA, name.data(), static_cast<uint32_t>(name.size()));
 }
 
 int Client::request_capability() {
     // The server never reads this payload, but a packet must carry at least four bytes.
     uint8_t zero[4] = {0, 0, 0, 0};
-    return data(18, zero, 4);
+    return data(MSG_CAPABILITY, zero, 4);
 }
 
 int Client::request_delete(const std::string& json) {
-    return data(1, json.data(), static_cast<uint32_t>(json.size()));
+    return data(MSG_DELETE, json.data(), static_cast<uint32_t>(json.size()));
 }
 
 }  // namespace app

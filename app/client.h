@@ -9,8 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "core/packet.h"
+
 namespace korvel {
-class CPacket;
 namespace app {
 
 struct Reply {
@@ -75,9 +76,9 @@ public:
 
     // Convenience senders using peerID and the next seqNO.
     int data(uint8_t msgType, const void* payload, uint32_t len, uint32_t offset = 0,
-             uint8_t marker = 1);
-    int ctrl(uint8_t msgType, uint32_t offset = 0, uint16_t ackValue = 0, uint8_t marker = 1,
-             uint8_t ackFlag = 0, uint16_t ackCode = 0);
+             uint8_t marker = MARKER_LAST);
+    int ctrl(uint8_t msgType, uint32_t offset = 0, uint16_t ackValue = 0,
+             uint8_t marker = MARKER_LAST, uint8_t ackFlag = 0, uint16_t ackCode = 0);
 
     // One whole reply, CRC verified (crcOk); CLIENT_OK or a negative result above.
     int read_reply(Reply& reply, int timeoutMs = 5000);
@@ -91,8 +92,9 @@ public:
                   bool userDefined = false);
     int request_catalogue(uint16_t type, uint32_t offset, uint8_t marker);
     int request_download(const std::string& name);
-    int request_chunk(uint32_t offset, uint32_t length, uint8_t msgType = 3);  // data packet
-    int ack_last_package(uint8_t marker = 1);
+    // A data packet; msgType MSG_CHUNK or one of the continued forms.
+    int request_chunk(uint32_t offset, uint32_t length, uint8_t msgType = MSG_CHUNK);
+    int ack_last_package(uint8_t marker = MARKER_LAST);
     int quit();
 
     // Sees every packet sent (fromApp true) and every whole reply read, as wire bytes;

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "app/tool.h"
+#include "core/byte_order.h"
 #include "core/packet.h"
 
 namespace korvel {
@@ -100,18 +101,17 @@ int ask_size(Session& s, const std::string& name, bool quietNotFound, uint32_t& 
     if (rc != EXIT_OK) {
         return rc;
     }
-    if (reply.reqType == 1) {
+    if (reply.reqType == REQ_CONTROL) {
         if (quietNotFound && reply.ackCode == ACK_NOT_FOUND) {
             return EXIT_NOT_FOUND;
         }
         return report_ack(s, reply, name.c_str());
     }
-    if (reply.msgType != 2 || reply.payload.size() != 4) {
+    if (reply.msgType != MSG_DOWNLOAD || reply.payload.size() != 4) {
         fprintf(s.err, "korvel-app: %s: unexpected size reply\n", name.c_str());
         return EXIT_PROTOCOL;
     }
-    const uint8_t* p = reply.payload.data();
-    size = p[0] | p[1] << 8 | p[2] << 16 | static_cast<uint32_t>(p[3]) << 24;
+    size = load_le32(reply.payload.data());
     return EXIT_OK;
 }
 
@@ -140,7 +140,7 @@ int open_local(Session& s, const std::string& path, bool resume, Transfer& t) {
 int take_packet(Session& s, const std::string& name, const Reply& reply, uint32_t reqOff,
                 uint32_t expected, uint32_t got, uint64_t& base, Transfer& t) {
     uint32_t len = static_cast<uint32_t>(reply.payload.size());
-    if (reply.msgType != 3 || len == 0 || len > expected - got) {
+    if (reply.msgType != MSG_CHUNK || len == 0 || len > expected - got) {
         fprintf(s.err, "korvel-app: %s: unexpected packet in the stream\n", name.c_str());
         return EXIT_PROTOCOL;
     }
@@ -158,7 +158,7 @@ int take_packet(Session& s, const std::string& name, const Reply& reply, uint32_
                 reply.offset);
         return EXIT_PROTOCOL;
     }
-    bool endMarker = reply.marker == 1 || reply.marker == 3;
+    bool endMarker = reply.marker == MARKER_LAST || reply.marker == MARKER_CONT_LAST;
     if (endMarker && reqOff + got + len != t.size) {
         fprintf(s.err, "korvel-app: %s: the stream ended early\n", name.c_str());
         return EXIT_PROTOCOL;
@@ -176,7 +176,7 @@ int fetch_burst(Session& s, const std::string& name, Transfer& t, uint32_t burst
     uint32_t reqOff = t.done;
     uint32_t rest = t.size - reqOff;
     uint32_t expected = burst < rest ? burst : rest;
-    int r = s.client.ctrl(3, reqOff);
+    int r = s.client.ctrl(MSG_CHUNK, reqOff);
     if (r != CLIENT_OK) {
         return report_client_error(s, r, name.c_str());
     }
@@ -188,7 +188,7 @@ int fetch_burst(Session& s, const std::string& name, Transfer& t, uint32_t burst
         if (rc != EXIT_OK) {
             return rc;
         }
-        if (reply.reqType == 1) {
+        if (reply.reqType == REQ_CONTROL) {
             return report_ack(s, reply, name.c_str());
         }
         rc = take_packet(s, name, reply, reqOff, expected, got, base, t);

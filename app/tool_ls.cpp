@@ -6,6 +6,7 @@
 #include <cjson/cJSON.h>
 
 #include "app/tool.h"
+#include "core/json_ptr.h"
 #include "core/packet.h"
 
 namespace korvel {
@@ -15,11 +16,6 @@ namespace {
 
 // No real card comes near this; it only bounds what a broken server can make us hold.
 constexpr size_t MAX_CATALOGUE = 64u << 20;
-
-struct JsonDeleter {
-    void operator()(cJSON* j) const { cJSON_Delete(j); }
-};
-using JsonPtr = std::unique_ptr<cJSON, JsonDeleter>;
 
 // One burst of the catalogue starting at text position `offset`. Sets `ended` when the
 // packet marked last (1 or 3) arrived.
@@ -35,16 +31,16 @@ int fetch_catalogue_burst(Session& s, uint16_t type, bool first, std::string& te
         if (rc != EXIT_OK) {
             return rc;
         }
-        if (reply.reqType == 1) {
+        if (reply.reqType == REQ_CONTROL) {
             return report_ack(s, reply, "catalogue");
         }
-        if (reply.msgType != 0 || reply.offset != text.size() ||
+        if (reply.msgType != MSG_CATALOGUE || reply.offset != text.size() ||
             text.size() + reply.payload.size() > MAX_CATALOGUE) {
             fprintf(s.err, "korvel-app: catalogue: packet out of order\n");
             return EXIT_PROTOCOL;
         }
         text.append(reply.payload.begin(), reply.payload.end());
-        ended = reply.marker == 1 || reply.marker == 3;
+        ended = reply.marker == MARKER_LAST || reply.marker == MARKER_CONT_LAST;
     }
     if (!ended && text.size() == offset) {
         fprintf(s.err, "korvel-app: catalogue: empty burst\n");
@@ -139,7 +135,7 @@ int cmd_ls(Session& s, const std::vector<std::string>& args) {
     }
     session_end_last_package(s);
     s.client.close_connection();
-    JsonPtr root(cJSON_ParseWithLength(text.data(), text.size()));
+    JsonTree root(cJSON_ParseWithLength(text.data(), text.size()));
     if (!root) {
         fprintf(s.err, "korvel-app: catalogue: not valid JSON\n");
         return EXIT_PROTOCOL;

@@ -9,7 +9,10 @@
 #include <cjson/cJSON.h>
 
 #include "app/tool.h"
+#include "core/byte_order.h"
+#include "core/json_ptr.h"
 #include "core/packet.h"
+#include "core/scoped.h"
 
 namespace korvel {
 namespace app {
@@ -25,7 +28,7 @@ int read_text_burst(Session& s, uint32_t msgType, const char* what, std::string&
         if (rc != EXIT_OK) {
             return rc;
         }
-        if (reply.reqType == 1) {
+        if (reply.reqType == REQ_CONTROL) {
             return report_ack(s, reply, what);
         }
         if (reply.msgType != msgType || reply.offset != text.size()) {
@@ -33,7 +36,7 @@ int read_text_burst(Session& s, uint32_t msgType, const char* what, std::string&
             return EXIT_PROTOCOL;
         }
         text.append(reply.payload.begin(), reply.payload.end());
-        if (reply.marker == 1 || reply.marker == 3) {
+        if (reply.marker == MARKER_LAST || reply.marker == MARKER_CONT_LAST) {
             return EXIT_OK;
         }
     }
@@ -55,14 +58,11 @@ int finish(Session& s, int rc) {
 }
 
 int write_whole(Session& s, const std::string& path, const std::string& bytes) {
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    bool ok =
-        fd >= 0 && write(fd, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
+    ScopedFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    bool ok = fd.valid() &&
+              write(fd.get(), bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
     if (!ok) {
         fprintf(s.err, "korvel-app: %s: %s\n", path.c_str(), strerror(errno));
-    }
-    if (fd >= 0) {
-        close(fd);
     }
     return ok ? EXIT_OK : EXIT_LOCAL;
 }
@@ -87,24 +87,21 @@ int drain_delete_acks(Session& s, uint32_t reqType, uint32_t msgType, int& first
         if (reply.reqType == reqType && reply.msgType == msgType) {
             return EXIT_OK;
         }
-        if (reply.reqType == 1 && reply.msgType == 1) {
+        if (reply.reqType == REQ_CONTROL && reply.msgType == MSG_DELETE) {
             note_delete_ack(s, reply, first);
         }
     }
 }
 
 std::string delete_json(const std::vector<std::string>& names) {
-    cJSON* root = cJSON_CreateObject();
+    JsonTree root(cJSON_CreateObject());
     cJSON* media = cJSON_CreateArray();
-    cJSON_AddItemToObject(root, "media", media);
+    cJSON_AddItemToObject(root.get(), "media", media);
     for (const std::string& n : names) {
         cJSON_AddItemToArray(media, cJSON_CreateString(n.c_str()));
     }
-    char* text = cJSON_PrintUnformatted(root);
-    std::string out = text != nullptr ? text : "";
-    cJSON_free(text);
-    cJSON_Delete(root);
-    return out;
+    JsonText text(cJSON_PrintUnformatted(root.get()));
+    return text != nullptr ? text.get() : "";
 }
 
 }  // namespace
@@ -120,7 +117,7 @@ int cmd_meta(Session& s, const std::vector<std::string>& args) {
     }
     std::string text;
     if (rc == EXIT_OK) {
-        rc = read_text_burst(s, 19, args[0].c_str(), text);
+        rc = read_text_burst(s, MSG_METADATA, args[0].c_str(), text);
     }
     if (rc == EXIT_OK) {
         fprintf(s.out, "%s\n", text.c_str());
@@ -142,7 +139,7 @@ int cmd_cap(Session& s, const std::vector<std::string>& args) {
     }
     std::string text;
     if (rc == EXIT_OK) {
-        rc = read_text_burst(s, 18, "capability file", text);
+        rc = read_text_burst(s, MSG_CAPABILITY, "capability file", text);
     }
     if (rc == EXIT_OK && out.empty()) {
         fwrite(text.data(), 1, text.size(), s.out);
@@ -169,7 +166,8 @@ int cmd_rm(Session& s, const std::vector<std::string>& args) {
     int first = EXIT_OK;
     Reply reply;
     if (rc == EXIT_OK) {
-        rc = drain_delete_acks(s, 1, 1, first, reply);  // the first answer: accepted or not
+        // The first answer: accepted or not.
+        rc = drain_delete_acks(s, REQ_CONTROL, MSG_DELETE, first, reply);
     }
     if (rc == EXIT_OK && reply.ackCode != ACK_DONE) {
         rc = report_ack(s, reply, "rm");
@@ -182,11 +180,11 @@ int cmd_rm(Session& s, const std::vector<std::string>& args) {
     // Quitting now waits for the running request to finish, and a position query after the
     // quit is answered only once every reply of that request is out.
     int r = s.client.quit();
-    rc =
-        r == CLIENT_OK ? drain_delete_acks(s, 1, 7, first, reply) : report_client_error(s, r, "rm");
+    rc = r == CLIENT_OK ? drain_delete_acks(s, REQ_CONTROL, MSG_QUIT, first, reply)
+                        : report_client_error(s, r, "rm");
     if (rc == EXIT_OK) {
-        r = s.client.ctrl(5);
-        rc = r == CLIENT_OK ? drain_delete_acks(s, 0, 5, first, reply)
+        r = s.client.ctrl(MSG_POSITION);
+        rc = r == CLIENT_OK ? drain_delete_acks(s, REQ_DATA, MSG_POSITION, first, reply)
                             : report_client_error(s, r, "rm");
     }
     s.client.close_connection();
@@ -229,23 +227,21 @@ int cmd_pos(Session& s, const std::vector<std::string>& args) {
     }
     int rc = session_open(s);
     if (rc == EXIT_OK) {
-        int r = s.client.ctrl(5);
+        int r = s.client.ctrl(MSG_POSITION);
         rc = r == CLIENT_OK ? EXIT_OK : report_client_error(s, r, "pos");
     }
     Reply reply;
     if (rc == EXIT_OK) {
         rc = session_read(s, reply, "pos");
     }
-    if (rc == EXIT_OK && reply.reqType == 1) {
+    if (rc == EXIT_OK && reply.reqType == REQ_CONTROL) {
         rc = report_ack(s, reply, "pos");
-    } else if (rc == EXIT_OK && (reply.msgType != 5 || reply.payload.size() != 4)) {
+    } else if (rc == EXIT_OK && (reply.msgType != MSG_POSITION || reply.payload.size() != 4)) {
         fprintf(s.err, "korvel-app: pos: unexpected reply\n");
         rc = EXIT_PROTOCOL;
     }
     if (rc == EXIT_OK) {
-        const uint8_t* p = reply.payload.data();
-        uint32_t v = static_cast<uint32_t>(p[0]) << 24 | p[1] << 16 | p[2] << 8 | p[3];
-        fprintf(s.out, "position: %u\n", v);
+        fprintf(s.out, "position: %u\n", load_be32(reply.payload.data()));
     }
     return finish(s, rc);
 }

@@ -96,7 +96,7 @@ int session_configure(Session& s, uint16_t packsize, uint16_t blocks) {
     if (rc != EXIT_OK) {
         return rc;
     }
-    if (reply.reqType != 1 || reply.msgType != 17) {
+    if (reply.reqType != REQ_CONTROL || reply.msgType != MSG_CONFIG) {
         fprintf(s.err, "korvel-app: configure: unexpected reply\n");
         return EXIT_PROTOCOL;
     }
@@ -107,7 +107,7 @@ int session_configure(Session& s, uint16_t packsize, uint16_t blocks) {
 }
 
 int session_end_last_package(Session& s) {
-    int r = s.client.ack_last_package(1);
+    int r = s.client.ack_last_package(MARKER_LAST);
     return r == CLIENT_OK ? EXIT_OK : report_client_error(s, r, "acknowledge");
 }
 
@@ -123,7 +123,7 @@ int session_quit(Session& s) {
         if (r != CLIENT_OK) {
             return report_client_error(s, r, "quit");
         }
-        if (reply.reqType == 1 && reply.msgType == 7) {
+        if (reply.reqType == REQ_CONTROL && reply.msgType == MSG_QUIT) {
             return EXIT_OK;
         }
     }

@@ -85,7 +85,7 @@ double time_find(const std::string& dir) {
 
 std::unique_ptr<korvel::CEventBase> event_base_at(const std::string& location) {
     std::unique_ptr<korvel::CEventBase> ev(new korvel::CEventBase());
-    std::lock_guard<std::mutex> lock(ev->locationMutex);
+    korvel::MutexLock lock(ev->locationMutex);
     snprintf(ev->resourceLocation, sizeof ev->resourceLocation, "%s", location.c_str());
     ev->userDefLocation = 0;
     ev->resourceLocationId = 0;

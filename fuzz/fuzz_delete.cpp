@@ -90,7 +90,7 @@ Card& card() {
 }
 
 void set_location(Card& c, bool prefixed) {
-    std::lock_guard<std::mutex> lock(c.ev->locationMutex);
+    korvel::MutexLock lock(c.ev->locationMutex);
     snprintf(c.ev->resourceLocation, sizeof c.ev->resourceLocation, "%s", c.dcim.c_str());
     snprintf(c.ev->locPostfix, sizeof c.ev->locPostfix, "%s", prefixed ? "card" : "");
     c.ev->userDefLocation = prefixed ? 1 : 0;

@@ -12,6 +12,7 @@
 
 #include "client/event_base.h"
 #include "core/config.h"
+#include "core/text.h"
 #include "transfer/paths.h"
 
 namespace {
@@ -78,8 +79,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     name = name.substr(0, 1023).c_str();
     eb.userDefLocation = data[0] & 1;
     eb.resourceLocationId = ids[(data[0] >> 4) & 3];
-    korvel::copy_text(eb.resourceLocation, sizeof eb.resourceLocation, root.c_str());
-    korvel::copy_text(eb.locPostfix, sizeof eb.locPostfix, postfix.c_str());
+    korvel::copy_truncated(eb.resourceLocation, sizeof eb.resourceLocation, root.c_str());
+    korvel::copy_truncated(eb.locPostfix, sizeof eb.locPostfix, postfix.c_str());
 
     std::string file, dir;
     if (eb.get_abs_file_dir(name.c_str(), file, dir) != 0) {

@@ -1,13 +1,19 @@
 #!/usr/bin/env bash
-# The whole test suite from a fresh Debian 12 machine: install, build, test; then the same
-# tests under AddressSanitizer + UndefinedBehaviorSanitizer, the threaded ones under
-# ThreadSanitizer, and each fuzz target for a bounded time.
+# The whole test suite from a fresh Debian 12 machine: install; the lock annotations checked
+# by clang; build, test; then the same tests under AddressSanitizer +
+# UndefinedBehaviorSanitizer, the threaded ones under ThreadSanitizer, and each fuzz target
+# for a bounded time.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/deps.sh
 jobs=$(nproc)
 
 scripts/check_layers.sh
+
+echo "== clang -Wthread-safety"
+CC=clang CXX=clang++ cmake -S . -B build-tsa -DCMAKE_BUILD_TYPE=Debug -DKORVEL_THREAD_SAFETY=ON \
+    -DKORVEL_TESTS=OFF -DKORVEL_BENCH=OFF >/dev/null
+cmake --build build-tsa -j"$jobs" --target korvel_engine korvel-server
 
 echo "== build and test (RelWithDebInfo)"
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKORVEL_WERROR=ON >/dev/null

@@ -11,6 +11,7 @@
 
 #include "catalogue/catalogue_text.h"
 #include "client/event_base.h"
+#include "core/json_ptr.h"
 #include "core/packet.h"
 #include "log/log.h"
 #include "transfer/burst.h"
@@ -82,13 +83,13 @@ void CEventBase::json_file_list_create(uint32_t* length) {
 
 void CEventBase::json_file_list_send(int fd, uint8_t marker, uint16_t type, uint32_t offset) {
     // Built once, with the type of the first request marked 1; later types are ignored.
-    if (marker == 1 && catalogueLen == 0) {
+    if (marker == MARKER_LAST && catalogueLen == 0) {
         catalogueType = type;
         json_file_list_create(&catalogueLen);
         log_print(1, "json file list size: %d, type %d\n", static_cast<int>(catalogueLen),
                   static_cast<int>(type));
         if (catalogueLen == 0) {
-            send_msg_ack_to_app(fd, 1, 0, 0, 1, ACK_FAILED, 0);
+            send_status(fd, MSG_CATALOGUE, ACK_FAILED);
             return;
         }
     }
@@ -101,8 +102,9 @@ void CEventBase::json_file_list_send(int fd, uint8_t marker, uint16_t type, uint
     if (offset >= catalogueLen) {
         return;
     }
-    send_burst(*this, make_plan(fd, 0, reinterpret_cast<const uint8_t*>(catalogueText.data()),
-                                offset, catalogueLen));
+    send_burst(*this,
+               make_plan(fd, MSG_CATALOGUE, reinterpret_cast<const uint8_t*>(catalogueText.data()),
+                         offset, catalogueLen));
 }
 
 }  // namespace korvel

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "client/event_base.h"
+#include "core/byte_order.h"
 #include "log/log.h"
 
 namespace korvel {
@@ -13,9 +14,7 @@ namespace {
 
 // A chunk request's byte count travels little-endian in the first payload word.
 uint32_t first_word_le(const CPacket& packet) {
-    const uint8_t* p = packet.getPayload();
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
-           static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
+    return load_le32(packet.getPayload());
 }
 
 HandlerTask make_task(uint8_t type, int fd, uint32_t offset, uint32_t length) {
@@ -41,7 +40,7 @@ HandlerTask make_delete_task(int fd, const CPacket& packet) {
 }  // namespace
 
 int32_t CEventBase::event_base_process(int fd, CPacket& packet) {
-    if (packet.getReqType() == 0) {
+    if (packet.getReqType() == REQ_DATA) {
         event_base_process_data(fd, packet);
     } else {
         event_base_process_ctrl(fd, packet);
@@ -52,30 +51,30 @@ int32_t CEventBase::event_base_process(int fd, CPacket& packet) {
 int32_t CEventBase::event_base_process_data(int fd, CPacket& packet) {
     uint32_t msgType = packet.getMsgType();
     switch (msgType) {
-        case 0:
-        case 7:
+        case MSG_CATALOGUE:  // control-only types: ignored as data
+        case MSG_QUIT:
             return 0;
-        case 1:
+        case MSG_DELETE:
             queue_task(make_delete_task(fd, packet));
             return 0;
-        case 2:
+        case MSG_DOWNLOAD:
             process_data_file_download(fd, packet);
             return 0;
-        case 3:
+        case MSG_CHUNK:
             queue_task(make_task(TASK_STREAM3, fd, packet.getOffset(), first_word_le(packet)));
             return 0;
-        case 4:
-        case 5:
-        case 6:
+        case MSG_CHUNK_CONT4:
+        case MSG_CHUNK_CONT5:
+        case MSG_CHUNK_CONT:
             queue_task(make_task(TASK_STREAM6, fd, packet.getOffset(), first_word_le(packet)));
             return 0;
-        case 17:
+        case MSG_CONFIG:
             process_data_file_config(fd, packet);
             return 0;
-        case 18:
+        case MSG_CAPABILITY:
             process_cap_get(fd);
             return 0;
-        case 19:
+        case MSG_METADATA:
             process_data_file_metadata(fd, packet);
             return 0;
         default:
@@ -90,28 +89,28 @@ int32_t CEventBase::event_base_process_ctrl(int fd, CPacket& packet) {
         return 0;
     }
     switch (packet.getMsgType()) {
-        case 0: {
+        case MSG_CATALOGUE: {
             HandlerTask task = make_task(TASK_CATALOGUE, fd, packet.getOffset(), 0);
             task.marker = static_cast<uint8_t>(packet.getMarker());
             task.value = static_cast<uint16_t>(packet.getAckValue());
             queue_task(std::move(task));
             return 0;
         }
-        case 1:
-        case 2:
-        case 4:
-        case 17:
+        case MSG_DELETE:  // data-only types: ignored as control
+        case MSG_DOWNLOAD:
+        case MSG_CHUNK_CONT4:
+        case MSG_CONFIG:
             return 0;
-        case 3:
+        case MSG_CHUNK:
             queue_task(make_task(TASK_STREAM3, fd, packet.getOffset(), 0));
             return 0;
-        case 5:
+        case MSG_POSITION:
             reply_transfer_position(fd);
             return 0;
-        case 6:
+        case MSG_CHUNK_CONT:
             queue_task(make_task(TASK_STREAM6, fd, packet.getOffset(), 0));
             return 0;
-        case 7:
+        case MSG_QUIT:
             process_quit(fd);
             return 0;
         default:
@@ -128,10 +127,10 @@ int32_t CEventBase::check_last_package(CPacket& packet) {
     if (packet.getAckCode() != ACK_END_OF_DATA) {
         return -1;
     }
-    if (packet.getMsgType() != 0) {
+    if (packet.getMsgType() != MSG_CATALOGUE) {
         return 1;
     }
-    if ((packet.getMarker() & 0xFD) != 1) {
+    if ((packet.getMarker() & 0xFD) != MARKER_LAST) {  // MARKER_LAST or MARKER_CONT_LAST
         return 1;
     }
     log_print(1, "got last package finished ...");
@@ -141,12 +140,12 @@ int32_t CEventBase::check_last_package(CPacket& packet) {
 
 void CEventBase::reply_transfer_position(int fd) {
     positionWord = htonl(userDefPacksize + readOffset);
-    send_msg_data_to_app(fd, 1, 5, 0, &positionWord, sizeof positionWord);
+    send_msg_data_to_app(fd, MARKER_LAST, MSG_POSITION, 0, &positionWord, sizeof positionWord);
 }
 
 int32_t CEventBase::process_quit(int fd) {
     quitRequested = 1;
-    return send_msg_ack_to_app(fd, 1, 7, 0, 1, ACK_DONE, 0);
+    return send_status(fd, MSG_QUIT, ACK_DONE);
 }
 
 }  // namespace korvel

@@ -19,6 +19,8 @@
 #include <thread>
 #include <vector>
 
+#include "core/config.h"
+#include "core/mutex.h"
 #include "core/packet.h"
 
 struct cJSON;
@@ -59,6 +61,8 @@ protected:
 
     std::unique_ptr<std::thread> workerThread;
     std::atomic<uint8_t> running{0};
+    // A plain std::mutex: taskCond waits on it. Held only to append and notify or to take
+    // one task (client/handler.cpp), so the queue is not annotated.
     std::mutex taskMutex;
     std::condition_variable taskCond;
     std::deque<HandlerTask> taskQueue;
@@ -90,12 +94,15 @@ public:
 
     // ---- core/: replies and the loop's checks ----
     // send_msg_data_to_app's result when the payload could not be read (its mapping lost
-    // its pages); nothing was written.
+    // its pages); nothing was written. Not PacketAssembler::INCOMPLETE, whose value it shares.
     static constexpr int32_t SEND_SOURCE_LOST = -3;
     int32_t send_msg_data_to_app(int fd, uint8_t marker, uint8_t msgType, uint32_t offset,
-                                 const void* data, uint32_t len);
+                                 const void* data, uint32_t len) EXCLUDES(sendMutex);
     int32_t send_msg_ack_to_app(int fd, uint8_t marker, uint8_t msgType, uint32_t offset,
-                                uint8_t ackFlag, uint16_t ackCode, uint16_t ackValue);
+                                uint8_t ackFlag, uint16_t ackCode, uint16_t ackValue)
+        EXCLUDES(sendMutex);
+    // The standard acknowledgement of a request: marker 1, offset 0, ackFlag 1, ackValue 0.
+    int32_t send_status(int fd, uint8_t msgType, uint16_t ackCode);
     int32_t check_seq_no(CPacket& packet);
     int32_t check_crc(int fd, CPacket& packet);
     uint8_t quit_received();
@@ -103,15 +110,17 @@ public:
     // ---- transfer/: configuration, names, region, download, capability, metadata, stream ----
     void process_data_file_config(int fd, CPacket& packet);
     int32_t get_abs_file_dir(const char* name, std::string& filename, std::string& absfiledir);
-    LocationSnapshot location_snapshot();
-    int32_t event_switch_meminfo(int fd, uint8_t msgType);
-    void release_region();  // unmap (MADV_DONTNEED first); shared by the switch and the destructor
-    int32_t download_file_name_check(CPacket& packet);
+    LocationSnapshot location_snapshot() EXCLUDES(locationMutex);
+    int32_t event_switch_meminfo(int fd, uint8_t msgType) REQUIRES(regionMutex);
+    // Unmaps (MADV_DONTNEED first); shared by the switch and the destructor.
+    void release_region() REQUIRES(regionMutex);
+    int32_t download_file_name_check(CPacket& packet) REQUIRES(regionMutex);
     int32_t process_data_file_download(int fd, CPacket& packet);
     void process_cap_get(int fd);
     int32_t process_data_file_metadata(int fd, CPacket& packet);
-    int32_t transfer_file_data(int fd, uint8_t msgType, uint32_t offset, uint32_t length);
-    void transfer_thumbnail_data(int fd, uint32_t offset);
+    int32_t transfer_file_data(int fd, uint8_t msgType, uint32_t offset, uint32_t length)
+        EXCLUDES(regionMutex);
+    void transfer_thumbnail_data(int fd, uint32_t offset) EXCLUDES(regionMutex);
 
     // ---- catalogue/: scan, classification, walk, delivery (worker) ----
     void json_file_list_send(int fd, uint8_t marker, uint16_t type, uint32_t offset);
@@ -131,19 +140,20 @@ public:
 
     // ---- fields; "main" / "worker" say which thread writes them ----
     char fileName[1024];             // main (download, metadata)
-    int32_t fileFd = -1;             // main (download, capability), worker (failed switch); regionMutex
-    uint8_t* mmap_base_addr = nullptr;  // regionMutex
-    uint8_t fileOpened = 0;          // regionMutex
-    uint32_t fileSize = 0;           // regionMutex
-    uint32_t mapsize = 0;            // regionMutex
-    uint32_t mapoff = 0;             // regionMutex
+    // main (download, capability), worker (failed switch)
+    int32_t fileFd GUARDED_BY(regionMutex) = -1;
+    uint8_t* mmap_base_addr GUARDED_BY(regionMutex) = nullptr;
+    uint8_t fileOpened GUARDED_BY(regionMutex) = 0;
+    uint32_t fileSize GUARDED_BY(regionMutex) = 0;
+    uint32_t mapsize GUARDED_BY(regionMutex) = 0;
+    uint32_t mapoff GUARDED_BY(regionMutex) = 0;
     uint32_t positionWord = 0;       // main
     std::atomic<uint8_t> quitRequested{0};    // main (quit, destructor); polled by the worker
     std::atomic<uint8_t> lastPackageDone{0};  // main
     std::atomic<uint8_t> sendFailed{0};       // worker or main (burst senders)
     char downFileName[1024];         // main
-    uint8_t thumbBuf[122880];        // main; regionMutex
-    uint32_t thumbSize = 0;          // main; regionMutex
+    uint8_t thumbBuf[THUMB_BUF_SIZE] GUARDED_BY(regionMutex);  // main
+    uint32_t thumbSize GUARDED_BY(regionMutex) = 0;            // main
     std::atomic<uint8_t> thumbReady{0};  // main
     std::atomic<uint8_t> busy{0};    // worker
     cJSON* catalogueJson = nullptr;  // worker: the envelope, only while the text is built
@@ -159,22 +169,22 @@ public:
     uint32_t lastSeqNO = 0;          // main
     uint16_t catalogueType = 0;      // worker
     LocationSnapshot catalogueLocation{};  // worker: the location a catalogue is built under
-    CPacket sendPacket;              // sendMutex
-    std::mutex sendMutex;            // one whole reply packet at a time
+    CPacket sendPacket GUARDED_BY(sendMutex);
+    Mutex sendMutex;                             // one whole reply packet at a time
     std::atomic<uint32_t> softwareVerConfig{0};  // main
     std::atomic<uint8_t> userDefConfig{0};       // main
     std::atomic<uint32_t> userDefPacksize{4096};  // main
     std::atomic<uint32_t> userDefBlocks{1};       // main
-    char resourceLocation[1025];     // main; locationMutex
-    uint8_t userDefLocation = 0;     // main; locationMutex
-    char locPostfix[1024];           // main; locationMutex
-    int32_t resourceLocationId = -1;  // main; locationMutex
+    char resourceLocation[1025] GUARDED_BY(locationMutex);      // main
+    uint8_t userDefLocation GUARDED_BY(locationMutex) = 0;      // main
+    char locPostfix[1024] GUARDED_BY(locationMutex);            // main
+    int32_t resourceLocationId GUARDED_BY(locationMutex) = -1;  // main
 
     // Keeps a chunk stream (worker) and a download or capability request (main) from
     // touching the mapped region, the open file or the thumbnail at the same time.
-    std::mutex regionMutex;
+    Mutex regionMutex;
     // Guards the location texts written by the configuration and read by worker tasks.
-    std::mutex locationMutex;
+    Mutex locationMutex;
 };
 
 }  // namespace korvel

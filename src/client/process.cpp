@@ -18,11 +18,11 @@ void CEventBase::process(HandlerTask& task) {
             if (thumbReady) {
                 transfer_thumbnail_data(task.fd, task.offset);
             } else {
-                transfer_file_data(task.fd, 3, task.offset, task.length);
+                transfer_file_data(task.fd, MSG_CHUNK, task.offset, task.length);
             }
             break;
         case TASK_STREAM6:
-            transfer_file_data(task.fd, 6, task.offset, task.length);
+            transfer_file_data(task.fd, MSG_CHUNK_CONT, task.offset, task.length);
             break;
         default:
             break;

@@ -16,13 +16,14 @@ int32_t CEventBase::send_msg_data_to_app(int fd, uint8_t marker, uint8_t msgType
     if (len > PACKET_MAX_PAYLOAD || (data == nullptr && len > 0)) {
         return -1;
     }
-    std::lock_guard<std::mutex> guard(sendMutex);
+    MutexLock guard(sendMutex);
     uint8_t trailer[PACKET_TRAILER_SIZE];
     if (!sendPacket.packDataHeader(marker, msgType, replySeqNO, offset, data, len, trailer)) {
         log_print(1, "payload unreadable, offset %u, size %u\n", offset, len);
         return SEND_SOURCE_LOST;  // nothing written: the stream is still whole
     }
     int size = static_cast<int>(len + PACKET_HEADER_SIZE + PACKET_TRAILER_SIZE);
+    // Fixed trace text: 329 is part of it, not this line's number; keep it as it is.
     log_print(1, "[%s:%d]msgtype = %02x,marker = %02x,message_size = %d\n", "send_msg_data_to_app",
               329, msgType, marker, size);
     int r = writev_all(fd, sendPacket.buffer(), PACKET_HEADER_SIZE, data, static_cast<int>(len),
@@ -35,13 +36,17 @@ int32_t CEventBase::send_msg_data_to_app(int fd, uint8_t marker, uint8_t msgType
 
 int32_t CEventBase::send_msg_ack_to_app(int fd, uint8_t marker, uint8_t msgType, uint32_t offset,
                                         uint8_t ackFlag, uint16_t ackCode, uint16_t ackValue) {
-    std::lock_guard<std::mutex> guard(sendMutex);
+    MutexLock guard(sendMutex);
     sendPacket.packAck(marker, msgType, replySeqNO, offset, ackFlag, ackCode, ackValue);
     int r = writen(fd, sendPacket.buffer(), PACKET_HEADER_SIZE + 4 + PACKET_TRAILER_SIZE);
     if (r < 0) {
         perror("writen error");
     }
     return r;
+}
+
+int32_t CEventBase::send_status(int fd, uint8_t msgType, uint16_t ackCode) {
+    return send_msg_ack_to_app(fd, MARKER_LAST, msgType, 0, 1, ackCode, 0);
 }
 
 int32_t CEventBase::check_seq_no(CPacket& packet) {

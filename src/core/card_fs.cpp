@@ -14,7 +14,7 @@
 #include <utility>
 
 #include "core/config.h"
-#include "core/scoped_fd.h"
+#include "core/scoped.h"
 
 #if __has_include(<linux/openat2.h>)
 #include <linux/openat2.h>

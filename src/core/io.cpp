@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "core/byte_order.h"
 #include "core/config.h"
 #include "core/packet.h"
 
@@ -55,37 +56,7 @@ int give_up_torn(int fd, bool torn) {
     return -1;
 }
 
-uint32_t be32_at(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-           static_cast<uint32_t>(p[2]) << 8 | p[3];
-}
-
 }  // namespace
-
-int readn(int fd, void* buf, int n) {
-    if (n <= 0) {
-        return n;
-    }
-    uint8_t* p = static_cast<uint8_t*>(buf);
-    int got = 0;
-    while (got < n) {
-        ssize_t r = read(fd, p + got, static_cast<size_t>(n - got));
-        if (r > 0) {
-            got += static_cast<int>(r);
-        } else if (r == 0) {
-            printf("client is closed, incomplete-size: %d!\n", got);
-            return 0;
-        } else if (errno == EINTR) {
-            continue;
-        } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-            wait_ready(fd, POLLIN, -1);
-        } else {
-            perror("read error");
-            return -1;
-        }
-    }
-    return n;
-}
 
 int writen(int fd, const void* buf, int n) {
     return writev_all(fd, buf, n, nullptr, 0, nullptr, 0);
@@ -159,7 +130,7 @@ int32_t PacketAssembler::feed(int fd, CPacket& packet) {
         if (r > 0) {
             have += static_cast<uint32_t>(r);
             if (have == PACKET_HEADER_SIZE && need == 0) {
-                uint32_t len = be32_at(buf + 12);
+                uint32_t len = load_be32(buf + 12);
                 if (len < PACKET_MIN_RECV_PAYLOAD || len > PACKET_MAX_RECV_PAYLOAD) {
                     puts("parse payloadlen error");
                     reset();

@@ -9,9 +9,6 @@ namespace korvel {
 
 class CPacket;
 
-// n when all bytes arrived, 0 when the peer closed first, -1 on a read error.
-// Waits for readability with poll between partial reads.
-int readn(int fd, void* buf, int n);
 // n when all bytes were written, -1 on failure. Waits for writability with poll; gives up
 // (and shuts the connection down) after WRITE_STALL_MS without progress.
 int writen(int fd, const void* buf, int n);
@@ -20,10 +17,12 @@ int writev_all(int fd, const void* a, int alen, const void* b, int blen, const v
 
 // Reassembles one packet of one connection across readiness events, reading only the
 // bytes of that packet. feed() returns: > 0 whole packet (payloadlen + 24) now in the
-// CPacket (header converted), 1 == INCOMPLETE is never a size, so INCOMPLETE is -3; 0 peer
-// closed; -1 read error; -2 bad payloadlen. Partial bytes live here between calls.
+// CPacket (header converted); INCOMPLETE; 0 peer closed; -1 read error; -2 bad payloadlen.
+// Partial bytes live here between calls.
 class PacketAssembler {
 public:
+    // The rest of the packet has not arrived yet. The assembler's own code: it shares its
+    // value with CEventBase::SEND_SOURCE_LOST but never meets it, so compare by name only.
     static constexpr int32_t INCOMPLETE = -3;
     PacketAssembler();
     ~PacketAssembler();

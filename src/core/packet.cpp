@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/byte_order.h"
 #include "core/mapping_guard.h"
 
 namespace korvel {
@@ -20,25 +21,6 @@ uint64_t wall_clock_us() {
     return static_cast<uint64_t>(tv.tv_sec) * 1000000u + static_cast<uint64_t>(tv.tv_usec);
 }
 
-void put_be32(uint8_t* p, uint32_t v) {
-    p[0] = static_cast<uint8_t>(v >> 24);
-    p[1] = static_cast<uint8_t>(v >> 16);
-    p[2] = static_cast<uint8_t>(v >> 8);
-    p[3] = static_cast<uint8_t>(v);
-}
-
-void put_le32(uint8_t* p, uint32_t v) {
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
-    p[2] = static_cast<uint8_t>(v >> 16);
-    p[3] = static_cast<uint8_t>(v >> 24);
-}
-
-uint32_t get_be32(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-           static_cast<uint32_t>(p[2]) << 8 | p[3];
-}
-
 // The header words as the checksum sees them: each word least significant byte first.
 struct HeaderWords {
     uint32_t w[5];
@@ -47,14 +29,14 @@ struct HeaderWords {
 uint32_t header_crc(const HeaderWords& h) {
     uint8_t le[PACKET_HEADER_SIZE];
     for (int i = 0; i < 5; ++i) {
-        put_le32(le + 4 * i, h.w[i]);
+        store_le32(le + 4 * i, h.w[i]);
     }
     return crc32_calc(0, le, sizeof le);
 }
 
 void write_wire_header(uint8_t* buf, const HeaderWords& h) {
     for (int i = 0; i < 5; ++i) {
-        put_be32(buf + 4 * i, h.w[i]);
+        store_be32(buf + 4 * i, h.w[i]);
     }
 }
 
@@ -114,7 +96,7 @@ bool CPacket::packDataHeader(uint8_t marker, uint8_t msgType, uint32_t seqNO, ui
         return false;
     }
     write_wire_header(buf, h);
-    put_be32(trailer, crc);
+    store_be32(trailer, crc);
     return true;
 }
 
@@ -126,22 +108,22 @@ void CPacket::packAck(uint8_t marker, uint8_t msgType, uint32_t seqNO, uint32_t 
     uint32_t ack = static_cast<uint32_t>(ackCode) | static_cast<uint32_t>(ackValue) << 16 |
                    static_cast<uint32_t>(ackFlag) << 31;
     uint8_t ackLe[4];
-    put_le32(ackLe, ack);
+    store_le32(ackLe, ack);
     uint32_t crc = crc32_calc(header_crc(h), ackLe, sizeof ackLe);
     write_wire_header(buf, h);
-    put_be32(buf + PACKET_HEADER_SIZE, ack);
-    put_be32(buf + PACKET_HEADER_SIZE + 4, crc);
+    store_be32(buf + PACKET_HEADER_SIZE, ack);
+    store_be32(buf + PACKET_HEADER_SIZE + 4, crc);
 }
 
 // Converts the header (and a control packet's ackWord) to host order; the trailer stays
 // in wire order.
 void CPacket::unpackHeader() {
     for (uint32_t i = 0; i < 5; ++i) {
-        uint32_t v = get_be32(buf + 4 * i);
+        uint32_t v = load_be32(buf + 4 * i);
         memcpy(buf + 4 * i, &v, 4);
     }
     if (word(0) >> 31) {
-        uint32_t v = get_be32(buf + PACKET_HEADER_SIZE);
+        uint32_t v = load_be32(buf + PACKET_HEADER_SIZE);
         memcpy(buf + PACKET_HEADER_SIZE, &v, 4);
     }
 }
@@ -195,7 +177,7 @@ uint32_t CPacket::getCrcData() const {
     if (len > PACKET_MAX_PAYLOAD) {
         len = PACKET_MAX_PAYLOAD;
     }
-    return get_be32(buf + PACKET_HEADER_SIZE + len);
+    return load_be32(buf + PACKET_HEADER_SIZE + len);
 }
 
 uint32_t CPacket::getCrcLen() const {

@@ -22,11 +22,17 @@ constexpr uint16_t ACK_TOO_LARGE = 0xFB08;
 constexpr uint16_t ACK_BAD_NAME = 0xFB09;
 constexpr uint16_t ACK_BAD_LOCATION = 0xFB10;
 
+// Packet kinds (bit 31 of word 0, reqType).
+constexpr uint8_t REQ_DATA = 0;
+constexpr uint8_t REQ_CONTROL = 1;  // carries one ackWord
+
 // Message types (bits 24-28 of word 0). Data requests:
 constexpr uint8_t MSG_DELETE = 1;       // JSON {"media": [names]}
 constexpr uint8_t MSG_DOWNLOAD = 2;     // name -> size (little-endian)
 constexpr uint8_t MSG_CHUNK = 3;        // chunk request; 4-6 are its continued forms
-constexpr uint8_t MSG_CHUNK_CONT = 6;   // continued chunk request (also 4 and 5 as data)
+constexpr uint8_t MSG_CHUNK_CONT4 = 4;  // data forms of the continued chunk request,
+constexpr uint8_t MSG_CHUNK_CONT5 = 5;  // served as MSG_CHUNK_CONT
+constexpr uint8_t MSG_CHUNK_CONT = 6;   // continued chunk request
 constexpr uint8_t MSG_CONFIG = 17;      // transfer parameters and location
 constexpr uint8_t MSG_CAPABILITY = 18;  // the capability file
 constexpr uint8_t MSG_METADATA = 19;    // one file's metadata JSON

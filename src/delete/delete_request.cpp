@@ -19,7 +19,8 @@
 #include "client/event_base.h"
 #include "core/card_fs.h"
 #include "core/config.h"
-#include "core/scoped_fd.h"
+#include "core/json_ptr.h"
+#include "core/scoped.h"
 #include "delete/deleter.h"
 #include "log/log.h"
 #include "transfer/paths.h"
@@ -31,11 +32,6 @@ namespace {
 constexpr size_t BASE_MAX = 127;
 constexpr size_t EXT_MAX = 7;
 constexpr int MKDIR_ATTEMPTS = 11;  // the first try and ten retries
-
-struct JsonTreeDeleter {
-    void operator()(cJSON* tree) const { cJSON_Delete(tree); }
-};
-using JsonTree = std::unique_ptr<cJSON, JsonTreeDeleter>;
 
 enum class MediaKind { Other, Photo, Video };
 
@@ -51,7 +47,7 @@ struct DeleteTarget {
 };
 
 void reply(CEventBase& ev, int fd, uint16_t code) {
-    ev.send_msg_ack_to_app(fd, MARKER_LAST, MSG_DELETE, 0, 1, code, 0);
+    ev.send_status(fd, MSG_DELETE, code);
 }
 
 // A path that does not fit is refused rather than cut: a cut path names another file.
@@ -224,7 +220,7 @@ int64_t elapsed_us(const struct timeval& start, const struct timeval& end) {
 
 void CEventBase::process_file_delete(int fd, char* text) {
     // The app hears back before anything is touched; the task owns and frees the text.
-    send_msg_ack_to_app(fd, MARKER_LAST, MSG_DELETE, 0, 1, ACK_DONE, 0);
+    send_status(fd, MSG_DELETE, ACK_DONE);
     json_file_delete(fd, text);
 }
 
@@ -249,6 +245,7 @@ void CEventBase::json_file_delete(int fd, const char* text) {
     tree.reset();
     struct timeval end;
     gettimeofday(&end, nullptr);
+    // Fixed trace text: 1114 is part of it, not this line's number; keep it as it is.
     log_print(1, "move: [%s:%d]cost time %dms\n", "json_file_delete", 1114,
               static_cast<int>(elapsed_us(start, end) / 1000));
 }

@@ -10,7 +10,7 @@
 
 #include "core/card_fs.h"
 #include "core/config.h"
-#include "core/scoped_fd.h"
+#include "core/scoped.h"
 
 namespace korvel {
 
@@ -28,7 +28,7 @@ DWF_DELHandler::~DWF_DELHandler() {
     stopRequested.store(1);
     running.store(0);
     {
-        std::lock_guard<std::mutex> lock(delMutex);
+        MutexLock lock(delMutex);
         pendingNames.clear();  // what they name stays in the holding directory
         pendingNames.emplace_back();
         delCond.notify_all();
@@ -47,7 +47,7 @@ void DWF_DELHandler::start() {
 }
 
 void DWF_DELHandler::queue_path(const std::string& path) {
-    std::lock_guard<std::mutex> lock(delMutex);
+    MutexLock lock(delMutex);
     pendingNames.push_back(path);
     delCond.notify_all();
 }
@@ -89,8 +89,10 @@ void DWF_DELHandler::DelEntrance(DWF_DELHandler* d) {
     for (;;) {
         std::string path;
         {
-            std::unique_lock<std::mutex> lock(d->delMutex);
-            d->delCond.wait(lock, [d] { return !d->pendingNames.empty(); });
+            MutexLock lock(d->delMutex);
+            while (d->pendingNames.empty()) {
+                d->delCond.wait(d->delMutex);
+            }
             path = std::move(d->pendingNames.front());
             d->pendingNames.pop_front();
         }

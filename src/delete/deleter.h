@@ -7,9 +7,10 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
+
+#include "core/mutex.h"
 
 namespace korvel {
 
@@ -26,10 +27,10 @@ public:
     void start();                              // starts delThread running DelEntrance(this)
 
     std::unique_ptr<std::thread> delThread;
-    std::mutex delMutex;
+    Mutex delMutex;
     std::atomic<uint8_t> running{0};
-    std::condition_variable delCond;
-    std::deque<std::string> pendingNames;
+    std::condition_variable_any delCond;
+    std::deque<std::string> pendingNames GUARDED_BY(delMutex);
     // Set by the destructor before it queues the wake-up marker. The thread sets `running`
     // itself, possibly after the destructor cleared it, so this is what it trusts to stop.
     std::atomic<uint8_t> stopRequested{0};

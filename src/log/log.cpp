@@ -17,7 +17,7 @@ namespace korvel {
 
 std::atomic<bool> g_logenabled{false};
 std::atomic<int32_t> g_loglevel{0};
-std::mutex mLock;
+Mutex mLock;
 
 namespace {
 
@@ -70,7 +70,7 @@ bool read_switch_file(bool* present) {
     }
     char text[LOG_SWITCH_BYTES + 1] = {};
     {
-        std::lock_guard<std::mutex> guard(mLock);
+        MutexLock guard(mLock);
         ssize_t n = read(fd, text, LOG_SWITCH_BYTES);
         text[n > 0 ? n : 0] = '\0';
     }

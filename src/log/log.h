@@ -5,13 +5,14 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdint>
-#include <mutex>
+
+#include "core/mutex.h"
 
 namespace korvel {
 
 extern std::atomic<bool> g_logenabled;
 extern std::atomic<int32_t> g_loglevel;
-extern std::mutex mLock;  // guards reading the switch file; taken after sendMutex, never before
+extern Mutex mLock;  // guards reading the switch file; taken after sendMutex, never before
 
 constexpr int LOG_CODE_ABORT = static_cast<int>(0xAABBCCDD);
 

@@ -11,6 +11,9 @@
 #include <memory>
 #include <new>
 
+#include "core/byte_order.h"
+#include "core/text.h"
+
 namespace korvel {
 namespace {
 
@@ -82,7 +85,7 @@ bool has(const Segment& s, uint64_t pos, uint64_t bytes) {
 }
 
 uint16_t get16(const uint8_t* p, bool bigEndian) {
-    return bigEndian ? uint16_t(p[0] << 8 | p[1]) : uint16_t(p[1] << 8 | p[0]);
+    return bigEndian ? load_be16(p) : load_le16(p);
 }
 
 uint32_t get32(const uint8_t* p, bool bigEndian) {
@@ -159,12 +162,6 @@ int exif_decode_entry(const Segment& s, uint32_t pos, char* text, uint16_t* tag,
     return 0;
 }
 
-void copy_field(char* field, size_t width, const char* text) {
-    size_t n = strnlen(text, width - 1);
-    memcpy(field, text, n);
-    field[n] = 0;
-}
-
 struct Target {
     uint16_t tag;
     char* field;
@@ -192,7 +189,7 @@ bool walk_dir(const Segment& s, uint32_t dir, const Target* targets, size_t ntar
         }
         for (size_t t = 0; t < ntargets; ++t) {
             if (targets[t].tag == tag) {
-                copy_field(targets[t].field, targets[t].width, text);
+                copy_truncated(targets[t].field, targets[t].width, text);
             }
         }
     }
@@ -342,7 +339,7 @@ int exif_read_photo_info_fd(char* maker, char* model, char* width, char* height,
         return 0;  // no EXIF where the camera puts it: nothing to fill
     }
     char* const fields[] = {maker, model, width, height, resUnit, colourSpace};
-    return read_app1(fp.get(), pos, size, uint32_t(head[2] << 8 | head[3]), fields);
+    return read_app1(fp.get(), pos, size, load_be16(head + 2), fields);
 }
 
 int exif_read_photo_info(char* maker, char* model, char* width, char* height, char* resUnit,

@@ -12,6 +12,7 @@
 
 #include <cjson/cJSON.h>
 
+#include "core/text.h"
 #include "log/log.h"
 #include "media/exif.h"
 #include "media/mp4.h"
@@ -54,13 +55,6 @@ void add_text(cJSON* object, const char* key, const char* value) {
     }
 }
 
-// Cuts src to fit cap bytes with its terminator.
-void copy_cut(char* dst, size_t cap, const char* src) {
-    size_t n = strnlen(src, cap - 1);
-    memmove(dst, src, n);
-    dst[n] = '\0';
-}
-
 }  // namespace
 
 CJSONFile::CJSONFile()
@@ -80,8 +74,8 @@ CJSONFile::CJSONFile()
       height{} {}
 
 void CJSONFile::set_names(const char* disp, const char* full) {
-    copy_cut(dispName, sizeof dispName, disp);
-    copy_cut(fullPath, sizeof fullPath, full);
+    copy_truncated(dispName, sizeof dispName, disp);
+    copy_truncated(fullPath, sizeof fullPath, full);
 }
 
 // Every fact field is emptied first so that nothing of the previous file shows up in the
@@ -122,6 +116,8 @@ int CJSONFile::read_photo_facts(int fd) {
     static const char* const kPhoto[] = {"JPG"};
     DispExt ext = display_extension(dispName, kPhoto, 1);
     if (ext == DispExt::None) {
+        // Fixed warning text: the signature names get_json_photo_param on purpose, and the
+        // line has no line end; keep both.
         log_warn("[WARN],%ssscanf JPG file error", "int korvel::CJSONFile::get_json_photo_param()");
         return -1;
     }
@@ -140,6 +136,7 @@ int CJSONFile::read_video_facts(int fd) {
     static const char* const kVideo[] = {"MP4", "MOV", "2nd"};
     DispExt ext = display_extension(dispName, kVideo, 3);
     if (ext == DispExt::None) {
+        // Fixed warning text, as in read_photo_facts.
         log_warn("[WARN],%ssscanf mp4/mov file error",
                  "int korvel::CJSONFile::get_json_video_param()");
         return -1;

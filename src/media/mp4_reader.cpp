@@ -14,7 +14,8 @@
 #include <new>
 #include <vector>
 
-#include "core/scoped_fd.h"
+#include "core/byte_order.h"
+#include "core/scoped.h"
 
 namespace korvel {
 
@@ -25,14 +26,8 @@ constexpr uint32_t fourcc(const char (&s)[5]) {
            (uint32_t(uint8_t(s[2])) << 8) | uint32_t(uint8_t(s[3]));
 }
 
-uint16_t be16(const uint8_t* p) {
-    return uint16_t((p[0] << 8) | p[1]);
-}
-uint32_t be32(const uint8_t* p) {
-    return (uint32_t(p[0]) << 24) | (uint32_t(p[1]) << 16) | (uint32_t(p[2]) << 8) | p[3];
-}
 uint64_t be64(const uint8_t* p) {
-    return (uint64_t(be32(p)) << 32) | be32(p + 4);
+    return (uint64_t(load_be32(p)) << 32) | load_be32(p + 4);
 }
 
 // A bounded run of bytes inside the moov buffer.
@@ -53,9 +48,9 @@ int parse_header(const uint8_t* h, size_t avail, uint64_t room, BoxHeader* out) 
     if (room < 8 || avail < 8) {
         return 0;
     }
-    uint64_t size = be32(h);
+    uint64_t size = load_be32(h);
     uint32_t headerLen = 8;
-    out->type = be32(h + 4);
+    out->type = load_be32(h + 4);
     if (size == 1) {
         if (avail < 16) {
             return -1;
@@ -207,10 +202,10 @@ int parse_avcc(Span p, SampleEntry* e) {
             count = p.data[pos++];
         }
         for (unsigned i = 0; i < count; ++i) {
-            if (p.size - pos < 2 || p.size - pos - 2 < be16(p.data + pos)) {
+            if (p.size - pos < 2 || p.size - pos - 2 < load_be16(p.data + pos)) {
                 return -1;
             }
-            pos += 2 + be16(p.data + pos);
+            pos += 2 + load_be16(p.data + pos);
         }
     }
     if (!e->hasAvcC) {
@@ -227,7 +222,7 @@ int parse_decoder_config(Span body, Esds* out) {
     }
     out->hasConfig = true;
     out->objectType = body.data[0];
-    out->avgBitrate = be32(body.data + 9);
+    out->avgBitrate = load_be32(body.data + 9);
     Span rest{body.data + 13, body.size - 13};
     uint8_t tag = 0;
     Span sub;
@@ -315,7 +310,7 @@ int parse_sinf(Span p, SampleEntry* e) {
         }
         if (!e->hasFrma) {
             e->hasFrma = true;
-            e->frma = be32(child.data);
+            e->frma = load_be32(child.data);
         }
     }
     return rc;
@@ -371,7 +366,7 @@ size_t entry_fixed_length(uint32_t type, Span p, EntryKind* kind) {
     for (uint32_t s : sound) {
         if (type == s) {
             *kind = ENTRY_SOUND;
-            uint16_t version = p.size >= 10 ? be16(p.data + 8) : 0;
+            uint16_t version = p.size >= 10 ? load_be16(p.data + 8) : 0;
             return version == 1 ? 44 : version == 2 ? 64 : 28;
         }
     }
@@ -393,11 +388,11 @@ int parse_sample_entry(uint32_t type, Span p, SampleEntry* e) {
         return -1;
     }
     if (e->kind == ENTRY_VISUAL) {
-        e->width = be16(p.data + 24);
-        e->height = be16(p.data + 26);
+        e->width = load_be16(p.data + 24);
+        e->height = load_be16(p.data + 26);
     } else if (e->kind == ENTRY_SOUND) {
-        e->channels = be16(p.data + 16);
-        e->sampleSize = be16(p.data + 18);
+        e->channels = load_be16(p.data + 16);
+        e->sampleSize = load_be16(p.data + 18);
     }
     BoxCursor c{Span{p.data + fixed, p.size - fixed}};
     uint32_t childType;
@@ -449,15 +444,15 @@ int parse_stsz(Span p, SampleSizes* s) {
     if (p.size < 12) {
         return -1;
     }
-    uint32_t constSize = be32(p.data + 4);
-    uint32_t count = be32(p.data + 8);
+    uint32_t constSize = load_be32(p.data + 4);
+    uint32_t count = load_be32(p.data + 8);
     uint64_t sum = 0;
     if (constSize == 0) {
         if (uint64_t(count) * 4 > p.size - 12) {
             return -1;
         }
         for (uint32_t i = 0; i < count; ++i) {
-            sum += be32(p.data + 12 + size_t(i) * 4);
+            sum += load_be32(p.data + 12 + size_t(i) * 4);
         }
     }
     if (!s->present) {
@@ -471,7 +466,7 @@ int parse_stz2(Span p, SampleSizes* s) {
         return -1;
     }
     uint8_t fieldSize = p.data[7];
-    uint32_t count = be32(p.data + 8);
+    uint32_t count = load_be32(p.data + 8);
     uint64_t bytes = fieldSize == 4    ? (uint64_t(count) + 1) / 2
                      : fieldSize == 16 ? uint64_t(count) * 2
                                        : count;
@@ -487,7 +482,7 @@ int parse_stz2(Span p, SampleSizes* s) {
             uint8_t b = tab[i / 2];
             sum += (i % 2 == 0) ? (b >> 4) : (b & 0x0Fu);
         } else if (fieldSize == 16) {
-            sum += be16(tab + size_t(i) * 2);
+            sum += load_be16(tab + size_t(i) * 2);
         } else {
             sum += tab[i];
         }
@@ -503,7 +498,7 @@ int check_table(Span p, uint32_t entrySize) {
     if (p.size < 8) {
         return -1;
     }
-    return uint64_t(be32(p.data + 4)) * entrySize > p.size - 8 ? -1 : 0;
+    return uint64_t(load_be32(p.data + 4)) * entrySize > p.size - 8 ? -1 : 0;
 }
 
 int parse_stbl_child(uint32_t type, Span p, Mp4Track* t) {
@@ -555,9 +550,9 @@ int parse_tkhd(Span p, Mp4Track* t) {
     }
     if (!t->hasTkhd) {
         t->hasTkhd = true;
-        t->id = be32(p.data + (v1 ? 20 : 12));
-        t->tkhdWidth = be32(p.data + (v1 ? 88 : 76));
-        t->tkhdHeight = be32(p.data + (v1 ? 92 : 80));
+        t->id = load_be32(p.data + (v1 ? 20 : 12));
+        t->tkhdWidth = load_be32(p.data + (v1 ? 88 : 76));
+        t->tkhdHeight = load_be32(p.data + (v1 ? 92 : 80));
     }
     return 0;
 }
@@ -569,8 +564,8 @@ int parse_mdhd(Span p, Mp4Track* t) {
     }
     if (!t->hasMdhd) {
         t->hasMdhd = true;
-        t->timescale = be32(p.data + (v1 ? 20 : 12));
-        t->duration = v1 ? be64(p.data + 24) : be32(p.data + 16);
+        t->timescale = load_be32(p.data + (v1 ? 20 : 12));
+        t->duration = v1 ? be64(p.data + 24) : load_be32(p.data + 16);
     }
     return 0;
 }

@@ -15,20 +15,20 @@ namespace {
 constexpr long PAUSE_NS = 5000;
 
 uint8_t middle_marker(const CEventBase& eb) {
-    return eb.readOffset != 0 ? 2 : 0;
+    return eb.readOffset != 0 ? MARKER_CONT_MORE : MARKER_MORE;
 }
 
 uint8_t last_marker(const CEventBase& eb, bool continues) {
     if (continues) {
-        return 2;
+        return MARKER_CONT_MORE;
     }
-    return eb.readOffset != 0 ? 3 : 1;
+    return eb.readOffset != 0 ? MARKER_CONT_LAST : MARKER_LAST;
 }
 
 BurstResult failed(CEventBase& eb, const BurstPlan& plan, int32_t result, uint32_t pos) {
     if (result == CEventBase::SEND_SOURCE_LOST) {
         // Nothing of the packet went out, so the app can still be told, in order.
-        eb.send_msg_ack_to_app(plan.fd, 1, plan.msgType, 0, 1, ACK_FAILED, 0);
+        eb.send_status(plan.fd, plan.msgType, ACK_FAILED);
         return BurstResult{BurstEnd::SourceLost, result, pos};
     }
     log_print(1, "send failed %d, offset %d\n", static_cast<int>(result), static_cast<int>(pos));

@@ -16,12 +16,12 @@
 namespace korvel {
 
 void CEventBase::process_cap_get(int fd) {
-    RegionLock region(regionMutex, std::defer_lock);
-    if (!lock_region(region)) {
+    if (!lock_region(regionMutex)) {
         log_print(1, "capability while streaming, refused\n");
-        send_msg_ack_to_app(fd, 1, 18, 0, 1, ACK_FAILED, 0);
+        send_status(fd, MSG_CAPABILITY, ACK_FAILED);
         return;
     }
+    MutexLock region(regionMutex, ADOPT_LOCK);
     const char* path = active_capability_path();
     // The size of the file actually opened, whatever the path does next. A FIFO or device
     // at the fixed path is no capability file; a size past 32 bits cannot be announced.
@@ -34,12 +34,12 @@ void CEventBase::process_cap_get(int fd) {
     }
     if (capFd < 0) {
         log_warn("[WARN],%scap file open error\n", "void korvel::CEventBase::process_cap_get(int)");
-        send_msg_ack_to_app(fd, 1, 18, 0, 1, ACK_NOT_FOUND, 0);
+        send_status(fd, MSG_CAPABILITY, ACK_NOT_FOUND);
         return;
     }
     if (static_cast<uint64_t>(st.st_size) > UINT32_MAX) {
         close(capFd);
-        send_msg_ack_to_app(fd, MARKER_LAST, MSG_CAPABILITY, 0, 1, ACK_TOO_LARGE, 0);
+        send_status(fd, MSG_CAPABILITY, ACK_TOO_LARGE);
         return;
     }
     fileSize = static_cast<uint32_t>(st.st_size);
@@ -50,7 +50,7 @@ void CEventBase::process_cap_get(int fd) {
         close(fileFd);
     }
     fileFd = capFd;
-    if (event_switch_meminfo(fd, 18) != 0) {
+    if (event_switch_meminfo(fd, MSG_CAPABILITY) != 0) {
         log_print(1, "can't map download file to memory\n");
         return;
     }
@@ -59,10 +59,10 @@ void CEventBase::process_cap_get(int fd) {
     }
     // The region holds one burst of the file; the loop never sends more than one burst. A
     // file that shrank under the region has had its 0xFB06 from the loop already.
-    BurstResult r = send_burst(*this, make_plan(fd, 18, mmap_base_addr, 0, fileSize));
+    BurstResult r = send_burst(*this, make_plan(fd, MSG_CAPABILITY, mmap_base_addr, 0, fileSize));
     if (r.end == BurstEnd::SendFailed) {
         log_print(1, "cap file send failed %d\n", static_cast<int>(r.lastResult));
-        send_msg_ack_to_app(fd, 1, 18, 0, 1, ACK_FAILED, 0);
+        send_status(fd, MSG_CAPABILITY, ACK_FAILED);
     }
 }
 

@@ -8,6 +8,8 @@
 #include <string>
 
 #include "client/event_base.h"
+#include "core/byte_order.h"
+#include "core/text.h"
 #include "log/log.h"
 #include "transfer/paths.h"
 
@@ -19,11 +21,6 @@ constexpr uint32_t CONFIG_BUF = 2048;
 constexpr uint32_t LOCATION_TEXT_MAX = 1024;
 constexpr uint32_t CONFIG_WORD_AT = 1024;
 constexpr uint32_t BLOCK_WORD_AT = 1028;
-
-uint32_t be32(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
-           static_cast<uint32_t>(p[2]) << 8 | p[3];
-}
 
 struct Location {
     std::string root;
@@ -77,20 +74,22 @@ void CEventBase::process_data_file_config(int fd, CPacket& packet) {
     uint8_t buf[CONFIG_BUF] = {};
     memcpy(buf, packet.getPayload(), len);
     if (len >= BLOCK_WORD_AT) {
-        uint32_t word = be32(buf + CONFIG_WORD_AT);
+        uint32_t word = load_be32(buf + CONFIG_WORD_AT);
         userDefBlocks = 1;
         userDefConfig = static_cast<uint8_t>(word >> 31);
         softwareVerConfig = (word >> 16) & 0x7FFF;
         userDefPacksize = word & 0xFFFF;
     }
     if (len >= BLOCK_WORD_AT + 4) {
-        userDefBlocks = be32(buf + BLOCK_WORD_AT) & 0xFFFF;
+        userDefBlocks = load_be32(buf + BLOCK_WORD_AT) & 0xFFFF;
     }
     uint64_t burst = static_cast<uint64_t>(userDefBlocks) * userDefPacksize;
+    // Refused with 0xFB08, yet the values just stored stay in force for later requests:
+    // apps rely on that answer and state, so this is not to be undone here.
     if (burst > MAX_BURST_BYTES) {
         log_print(1, "exceed max memory size %d, %d", static_cast<int>(userDefBlocks.load()),
                   static_cast<int>(userDefPacksize.load()));
-        send_msg_ack_to_app(fd, 1, 17, 0, 1, ACK_TOO_LARGE, 0);
+        send_status(fd, MSG_CONFIG, ACK_TOO_LARGE);
         return;
     }
     log_print(
@@ -113,21 +112,21 @@ void CEventBase::process_data_file_config(int fd, CPacket& packet) {
         loc.root += MEDIA_SUBDIR;
     }
     {
-        std::lock_guard<std::mutex> guard(locationMutex);
-        copy_text(resourceLocation, sizeof resourceLocation, loc.root.c_str());
+        MutexLock guard(locationMutex);
+        copy_truncated(resourceLocation, sizeof resourceLocation, loc.root.c_str());
         userDefLocation = userDefConfig;
         if (loc.postfixSet) {
-            copy_text(locPostfix, sizeof locPostfix, loc.postfix.c_str());
+            copy_truncated(locPostfix, sizeof locPostfix, loc.postfix.c_str());
         }
         resourceLocationId = loc.id;
     }
     if (loc.id == -1) {
         log_print(1, "wrong resource location: %s\n", loc.root.c_str());
-        send_msg_ack_to_app(fd, 1, 17, 0, 1, ACK_BAD_LOCATION, 0);
+        send_status(fd, MSG_CONFIG, ACK_BAD_LOCATION);
         return;
     }
     log_print(1, "resource location: %s, id %d\n", loc.root.c_str(), loc.id);
-    if (send_msg_ack_to_app(fd, 1, 17, 0, 1, ACK_DONE, 0) < 0) {
+    if (send_status(fd, MSG_CONFIG, ACK_DONE) < 0) {
         perror("send_msg_ack_to_app error");
     }
 }

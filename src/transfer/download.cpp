@@ -11,7 +11,7 @@
 
 #include "client/event_base.h"
 #include "core/card_fs.h"
-#include "core/scoped_fd.h"
+#include "core/scoped.h"
 #include "log/log.h"
 #include "media/exif.h"
 #include "transfer/paths.h"
@@ -100,36 +100,36 @@ int32_t CEventBase::download_file_name_check(CPacket& packet) {
 }
 
 int32_t CEventBase::process_data_file_download(int fd, CPacket& packet) {
-    RegionLock region(regionMutex, std::defer_lock);
-    if (!lock_region(region)) {
+    if (!lock_region(regionMutex)) {
         log_print(1, "download while streaming, refused\n");
-        return send_msg_ack_to_app(fd, 1, 2, 0, 1, ACK_FAILED, 0);
+        return send_status(fd, MSG_DOWNLOAD, ACK_FAILED);
     }
+    MutexLock region(regionMutex, ADOPT_LOCK);
     uint8_t size[4];
     if (download_file_name_check(packet) == -1) {
         log_print(1, "file not existed\n");
-        return send_msg_ack_to_app(fd, 1, 2, 0, 1, ACK_NOT_FOUND, 0);
+        return send_status(fd, MSG_DOWNLOAD, ACK_NOT_FOUND);
     }
     if (thumbReady) {
         log_print(1, "thm sent\n");
         size_le(thumbSize, size);
-        return send_msg_data_to_app(fd, 1, 2, 0, size, sizeof size);
+        return send_msg_data_to_app(fd, MARKER_LAST, MSG_DOWNLOAD, 0, size, sizeof size);
     }
     if (fileOpened) {
         size_le(fileSize, size);
-        return send_msg_data_to_app(fd, 1, 2, 0, size, sizeof size);
+        return send_msg_data_to_app(fd, MARKER_LAST, MSG_DOWNLOAD, 0, size, sizeof size);
     }
     ScopedFd newFd(card_open_regular(downFileName));
     struct stat st {};
     if (newFd.get() < 0 || fstat(newFd.get(), &st) != 0) {
         log_print(1, "file open error\n");
-        return send_msg_ack_to_app(fd, 1, 2, 0, 1, ACK_FAILED, 0);
+        return send_status(fd, MSG_DOWNLOAD, ACK_FAILED);
     }
     // The size reply has 32 bits: a larger size would be announced cut, and an app that
     // deletes after a complete download would lose the rest.
     if (static_cast<uint64_t>(st.st_size) > UINT32_MAX) {
         log_print(1, "file too large: %s\n", downFileName);
-        return send_msg_ack_to_app(fd, MARKER_LAST, MSG_DOWNLOAD, 0, 1, ACK_TOO_LARGE, 0);
+        return send_status(fd, MSG_DOWNLOAD, ACK_TOO_LARGE);
     }
     if (fileFd != -1) {
         close(fileFd);  // the capability file, which leaves fileOpened clear
@@ -138,11 +138,11 @@ int32_t CEventBase::process_data_file_download(int fd, CPacket& packet) {
     fileOpened = 1;
     fileSize = static_cast<uint32_t>(st.st_size);
     log_print(1, "downFileName:%s, fileSize = %d\n", downFileName, static_cast<int>(fileSize));
-    if (event_switch_meminfo(fd, 2) != 0) {
+    if (event_switch_meminfo(fd, MSG_DOWNLOAD) != 0) {
         return -1;
     }
     size_le(fileSize, size);
-    return send_msg_data_to_app(fd, 1, 2, 0, size, sizeof size);
+    return send_msg_data_to_app(fd, MARKER_LAST, MSG_DOWNLOAD, 0, size, sizeof size);
 }
 
 }  // namespace korvel

@@ -14,7 +14,9 @@
 #include "media/json_file.h"
 #include "client/event_base.h"
 #include "core/card_fs.h"
-#include "core/scoped_fd.h"
+#include "core/json_ptr.h"
+#include "core/scoped.h"
+#include "core/text.h"
 #include "log/log.h"
 #include "transfer/burst.h"
 #include "transfer/paths.h"
@@ -22,35 +24,24 @@
 
 namespace korvel {
 
-namespace {
-
-struct JsonDeleter {
-    void operator()(cJSON* j) const { cJSON_Delete(j); }
-};
-struct TextDeleter {
-    void operator()(char* t) const { cJSON_free(t); }
-};
-
-}  // namespace
-
 int32_t CEventBase::process_data_file_metadata(int fd, CPacket& packet) {
     if (!take_request_name(packet, fileName)) {
-        send_msg_ack_to_app(fd, 1, 19, 0, 1, ACK_BAD_NAME, 0);
+        send_status(fd, MSG_METADATA, ACK_BAD_NAME);
         return -1;
     }
     std::string filename, absfiledir;
     if (!resolve_confined(*this, fileName, filename, absfiledir)) {
-        send_msg_ack_to_app(fd, 1, 19, 0, 1, ACK_NOT_FOUND, 0);
+        send_status(fd, MSG_METADATA, ACK_NOT_FOUND);
         return -1;
     }
     char bare[1024];
-    copy_text(bare, sizeof bare, filename.c_str());
-    copy_text(downFileName, sizeof downFileName, (absfiledir + "/" + bare).c_str());
+    copy_truncated(bare, sizeof bare, filename.c_str());
+    copy_truncated(downFileName, sizeof downFileName, (absfiledir + "/" + bare).c_str());
     // The facts are read from this descriptor only: a regular file on the card, reached
     // through no link and opened without waiting. Anything else is a missing file.
     ScopedFd file(card_open_regular(downFileName));
-    if (file.get() < 0) {
-        send_msg_ack_to_app(fd, 1, 19, 0, 1, ACK_NOT_FOUND, 0);
+    if (!file.valid()) {
+        send_status(fd, MSG_METADATA, ACK_NOT_FOUND);
         return -1;
     }
     // Base names over 127 or extensions over 7 characters do not split into a known type,
@@ -60,7 +51,7 @@ int32_t CEventBase::process_data_file_metadata(int fd, CPacket& packet) {
     if (sscanf(bare, "%127[^.].%7s", base, ext) < 1) {
         return -1;
     }
-    std::unique_ptr<cJSON, JsonDeleter> doc(cJSON_CreateObject());
+    JsonTree doc(cJSON_CreateObject());
     cJSON_AddItemToObject(doc.get(), "filename", cJSON_CreateString(fileName));
     cJSON* list = cJSON_CreateArray();
     cJSON_AddItemToObject(doc.get(), "metadata", list);
@@ -77,11 +68,11 @@ int32_t CEventBase::process_data_file_metadata(int fd, CPacket& packet) {
         }
         cJSON_AddItemToArray(list, record);
     }
-    std::unique_ptr<char, TextDeleter> text(cJSON_Print(doc.get()));
+    JsonText text(cJSON_Print(doc.get()));
     if (!text || quitRequested) {
         return 0;
     }
-    send_burst(*this, make_plan(fd, 19, reinterpret_cast<const uint8_t*>(text.get()), 0,
+    send_burst(*this, make_plan(fd, MSG_METADATA, reinterpret_cast<const uint8_t*>(text.get()), 0,
                                 static_cast<uint32_t>(strlen(text.get()))));
     return 0;
 }

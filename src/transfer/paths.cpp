@@ -78,20 +78,9 @@ bool is_confined(const char* root, const std::string& filename, const std::strin
     return plain_name(absfiledir.substr(prefix.size()));
 }
 
-size_t copy_text(char* dst, size_t cap, const char* src) {
-    size_t len = strlen(src);
-    if (cap == 0) {
-        return len;
-    }
-    size_t n = len < cap - 1 ? len : cap - 1;
-    memcpy(dst, src, n);
-    dst[n] = '\0';
-    return len;
-}
-
 LocationSnapshot CEventBase::location_snapshot() {
     LocationSnapshot s;
-    std::lock_guard<std::mutex> guard(locationMutex);
+    MutexLock guard(locationMutex);
     memcpy(s.resourceLocation, resourceLocation, sizeof s.resourceLocation);
     memcpy(s.locPostfix, locPostfix, sizeof s.locPostfix);
     s.userDefLocation = userDefLocation;

@@ -16,7 +16,4 @@ int32_t get_storage_id(const std::string& path);
 // `root` is the location the name was resolved against. Checked before any file is touched.
 bool is_confined(const char* root, const std::string& filename, const std::string& absfiledir);
 
-// Copies at most cap-1 bytes and always terminates; returns the source length.
-size_t copy_text(char* dst, size_t cap, const char* src);
-
 }  // namespace korvel

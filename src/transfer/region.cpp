@@ -43,7 +43,7 @@ int32_t CEventBase::event_switch_meminfo(int fd, uint8_t msgType) {
         fileOpened = 0;
         fileFd = -1;
         mmap_base_addr = nullptr;
-        send_msg_ack_to_app(fd, 1, msgType, 0, 1, ACK_FAILED, 0);
+        send_status(fd, msgType, ACK_FAILED);
         return -1;
     }
     mmap_base_addr = static_cast<uint8_t*>(addr);
@@ -78,9 +78,9 @@ bool region_still_backed(int fileFd, uint32_t mapoff, uint32_t mapsize) {
     return static_cast<uint64_t>(st.st_size) >= static_cast<uint64_t>(mapoff) + mapsize;
 }
 
-bool lock_region(RegionLock& lock) {
+bool lock_region(Mutex& regionMutex) {
     auto deadline = std::chrono::steady_clock::now() + REGION_WAIT;
-    while (!lock.try_lock()) {
+    while (!regionMutex.try_lock()) {
         if (std::chrono::steady_clock::now() >= deadline) {
             return false;
         }

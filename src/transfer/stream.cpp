@@ -26,22 +26,22 @@ uint32_t bytes_needed(uint32_t length, uint32_t mapsize, uint32_t burst, uint32_
 }  // namespace
 
 int32_t CEventBase::transfer_file_data(int fd, uint8_t msgType, uint32_t offset, uint32_t length) {
-    std::lock_guard<std::mutex> region(regionMutex);
+    MutexLock region(regionMutex);
     uint32_t burst = userDefPacksize * userDefBlocks;
     if (fileFd < 0 || mmap_base_addr == nullptr) {
-        return send_msg_ack_to_app(fd, 3, msgType, 0, 1, ACK_END_OF_DATA, 0);
+        return send_msg_ack_to_app(fd, MARKER_CONT_LAST, msgType, 0, 1, ACK_END_OF_DATA, 0);
     }
     if (length > burst) {
         log_print(1, "debug: exceed %d, %d, %d", static_cast<int>(length), static_cast<int>(burst),
                   static_cast<int>(offset));
-        return send_msg_ack_to_app(fd, 1, msgType, 0, 1, ACK_FAILED, 0);
+        return send_status(fd, msgType, ACK_FAILED);
     }
     uint32_t need = bytes_needed(length, mapsize, burst, fileSize, offset);
     readOffset = offset;
     // Summed in 64 bits: a wrapped sum would let a request past the end through.
     if (static_cast<uint64_t>(need) + offset > fileSize) {
         log_print(1, "debug: exceed %d, %d", static_cast<int>(need), static_cast<int>(burst));
-        return send_msg_ack_to_app(fd, 1, msgType, 0, 1, ACK_FAILED, 0);
+        return send_status(fd, msgType, ACK_FAILED);
     }
     // An empty chunk (nothing left at this offset, or a burst size of 0) ends the request
     // at once and without a reply: the app already holds every byte it can get here.
@@ -54,7 +54,7 @@ int32_t CEventBase::transfer_file_data(int fd, uint8_t msgType, uint32_t offset,
         return -1;
     }
     if (!region_still_backed(fileFd, mapoff, mapsize)) {
-        return send_msg_ack_to_app(fd, 1, msgType, 0, 1, ACK_FAILED, 0);
+        return send_status(fd, msgType, ACK_FAILED);
     }
     bool continues = length == 0 && fileSize > static_cast<uint64_t>(mapoff) + mapsize;
     log_print(1, "debug: neesize %d, offset %d, mapoffset %d, mapsize %d, %d, userdef: %d\n",
@@ -75,12 +75,12 @@ int32_t CEventBase::transfer_file_data(int fd, uint8_t msgType, uint32_t offset,
 }
 
 void CEventBase::transfer_thumbnail_data(int fd, uint32_t offset) {
-    std::lock_guard<std::mutex> region(regionMutex);
+    MutexLock region(regionMutex);
     if (quitRequested) {
         return;
     }
     // At or past the end the plan is empty and nothing is sent: no reply, as for files.
-    send_burst(*this, make_plan(fd, 3, thumbBuf, offset, thumbSize));
+    send_burst(*this, make_plan(fd, MSG_CHUNK, thumbBuf, offset, thumbSize));
 }
 
 }  // namespace korvel

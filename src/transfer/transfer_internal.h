@@ -3,8 +3,10 @@
 
 #include <chrono>
 #include <cstdint>
-#include <mutex>
 #include <string>
+
+#include "core/byte_order.h"
+#include "core/mutex.h"
 
 namespace korvel {
 
@@ -13,11 +15,10 @@ namespace korvel {
 // instead of holding the loop.
 constexpr std::chrono::seconds REGION_WAIT{2};
 
-using RegionLock = std::unique_lock<std::mutex>;
-
-// Takes the region lock within REGION_WAIT. Polled with try_lock rather than a timed
-// mutex: the thread checkers do not see the clock-based lock, and this path is rare.
-bool lock_region(RegionLock& lock);
+// Takes the region lock within REGION_WAIT; true when it is now held by the caller.
+// Polled with try_lock rather than a timed mutex: the thread checkers do not see the
+// clock-based lock, and this path is rare.
+bool lock_region(Mutex& regionMutex) TRY_ACQUIRE(true, regionMutex);
 
 bool region_still_backed(int fileFd, uint32_t mapoff, uint32_t mapsize);
 
@@ -34,10 +35,7 @@ bool resolve_confined(CEventBase& eb, const char* name, std::string& filename,
 
 // The size reply's payload: the size as it lies in memory on the camera, little-endian.
 inline void size_le(uint32_t size, uint8_t out[4]) {
-    out[0] = static_cast<uint8_t>(size);
-    out[1] = static_cast<uint8_t>(size >> 8);
-    out[2] = static_cast<uint8_t>(size >> 16);
-    out[3] = static_cast<uint8_t>(size >> 24);
+    store_le32(out, size);
 }
 
 }  // namespace korvel

@@ -50,7 +50,7 @@ protected:
     // As a configuration sets it, plus the copy a scan run directly works from.
     void use_location(const std::string& loc, uint8_t userDef, int32_t id) {
         {
-            std::lock_guard<std::mutex> lock(ev->locationMutex);
+            korvel::MutexLock lock(ev->locationMutex);
             snprintf(ev->resourceLocation, sizeof ev->resourceLocation, "%s", loc.c_str());
             ev->userDefLocation = userDef;
             ev->resourceLocationId = id;

@@ -55,7 +55,7 @@ protected:
         close(sv[1]);
     }
     void set_location(const std::string& loc) {
-        std::lock_guard<std::mutex> lock(ev->locationMutex);
+        korvel::MutexLock lock(ev->locationMutex);
         snprintf(ev->resourceLocation, sizeof ev->resourceLocation, "%s", loc.c_str());
     }
     // One request as the worker runs it; returns the codes of its replies, trace in `out`.

@@ -109,7 +109,7 @@ TEST_F(Stream, ThumbnailStreamsFromTheJpegUntilItsEnd) {
 }
 
 TEST_F(Stream, DownloadWaitsForARunningStreamThenGivesUp) {
-    std::unique_lock<std::mutex> region(eb->regionMutex);  // as a running chunk stream holds it
+    std::unique_lock<korvel::Mutex> region(eb->regionMutex);  // as a running chunk stream holds it
     std::thread main([&] { EXPECT_EQ(answer(download("100MEDIA-CLIP.MP4"), 2), ACK_FAILED); });
     main.join();
     region.unlock();
