@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -64,6 +65,17 @@ static int remove_entry(const char* p, const struct stat*, int, struct FTW*) {
 void remove_tree(const std::string& path) {
     chmod(path.c_str(), 0777);
     nftw(path.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+}
+
+bool eventually(const std::function<bool()>& condition, int ms) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        usleep(5000);
+    }
+    return true;
 }
 
 }  // namespace testsupport

@@ -1,6 +1,7 @@
 // A temporary directory for one test, removed with everything in it at the end.
 #pragma once
 
+#include <functional>
 #include <string>
 
 namespace korvel {
@@ -25,6 +26,8 @@ void write_file(const std::string& path, const std::string& bytes);
 std::string read_file(const std::string& path);
 bool exists(const std::string& path);
 void remove_tree(const std::string& path);
+// Polls `condition` until it holds or `ms` have passed; whether it held.
+bool eventually(const std::function<bool()>& condition, int ms = 10000);
 
 }  // namespace testsupport
 }  // namespace korvel

@@ -10,14 +10,13 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "app/client.h"
+#include "app/tool.h"
 #include "core/packet.h"
 #include "support/jpeg_builder.h"
 #include "support/mp4_builder.h"
@@ -39,10 +38,8 @@
 namespace korvel {
 namespace {
 
-using testsupport::Fetched;
-using testsupport::Outcome;
-using testsupport::SessionParams;
 using Clock = std::chrono::steady_clock;
+using testsupport::AppRun;
 
 // Slack for a connection the loop has not reaped yet; nothing else may stay open.
 constexpr int FD_SLACK = 4;
@@ -69,9 +66,7 @@ std::string random_bytes(std::mt19937& rng, size_t n) {
 enum class Kind { Permanent, Thumbnail, Deletable, Missing, Empty };
 
 struct CardFile {
-    std::string name;  // as the catalogue writes it
-    std::string path;  // on disk; empty for a thumbnail substitute or a missing file
-    std::string bytes;
+    std::string name, path, bytes;  // path empty: a thumbnail substitute or a missing file
     Kind kind;
 };
 
@@ -151,142 +146,112 @@ struct Tally {
     }
 };
 
-// One app: random actions over its own connection until the deadline. Deleters and
-// vandals are a fixed share of the apps.
+// One app: random korvel-app commands, each its own session, until the deadline. Deleters
+// and vandals are a fixed share of the apps.
 struct SoakApp {
     int idx;
     uint16_t port;
     const SoakCard& card;
     Tally& t;
     std::mt19937 rng;
-    app::Client c;
+    testsupport::TempDir out;
     uint32_t generation = 0;
 
-    void fail(const std::string& what) { t.fail("app " + std::to_string(idx) + ": " + what); }
-
-    // A fresh peerID each time: the old connection's close may be reaped after the new
-    // one's first packet, and must not take the new session's event base with it.
-    void reconnect() {
-        ++generation;
-        c.peerID = 0x10000000u | static_cast<uint32_t>(idx) << 12 | (generation & 0xFFF);
-        c.seqNO = 1;
-        if (c.connect_to("127.0.0.1", port, TIMEOUT_MS) != app::CLIENT_OK) {
-            fail("cannot connect");
-        }
+    // A fresh peerID for every session: the old connection's close may be reaped after the
+    // new one's first packet, and must not take the new session's event base with it.
+    uint32_t next_peer() { return 0x10000000u | uint32_t(idx) << 12 | (++generation & 0xFFF); }
+    // Packet sizes in [512, 65535], bursts that keep `size` bytes within about 64 requests.
+    AppRun app(uint32_t size, std::vector<std::string> args) {
+        uint32_t packsize = 512 + rng() % (65535 - 512 + 1);
+        uint32_t blocks = std::max<uint32_t>(1 + rng() % 16, size / (packsize * 64) + 1);
+        args.insert(args.begin(), {"--peer", std::to_string(next_peer()), "--timeout",
+                                   std::to_string(TIMEOUT_MS), "--packsize",
+                                   std::to_string(packsize), "--blocks", std::to_string(blocks)});
+        return testsupport::run_app(port, args);
     }
-    bool begin(const SessionParams& p) {
-        int code = testsupport::configure_session(c, p);
-        if (code != static_cast<int>(ACK_DONE)) {
-            fail("configuration answered " + std::to_string(code));
-            reconnect();
-        }
-        return code == static_cast<int>(ACK_DONE);
-    }
-    // A broken session leaves the stream unframed; only a new connection is safe then.
-    void finish(bool ok) {
-        if (!ok || !testsupport::end_session(c, rng() % 2 == 0, TIMEOUT_MS)) {
-            reconnect();
-        }
+    void fail(const std::string& what, const AppRun& r) {
+        t.fail("app " + std::to_string(idx) + ": " + what + ": exit " + std::to_string(r.rc) +
+               " " + r.err);
     }
 
-    void catalogue_or_metadata() {
-        SessionParams p = testsupport::random_params(rng, 64 * 1024, TIMEOUT_MS);
-        bool meta = rng() % 2 == 0;
-        const std::string& name = card.media[rng() % card.media.size()];
-        if (!begin(p)) {
-            return;
-        }
-        Fetched f;
-        if (meta) {
-            p.blocks = 64;  // the whole document in one burst
-            f = testsupport::fetch_metadata(c, name, p);
-        } else {
-            f = testsupport::fetch_catalogue(c, 1, p);
-        }
-        bool fine = f.outcome == Outcome::Done &&
-                    (meta ? f.bytes.find("\"" + name + "\"") != std::string::npos
-                          : testsupport::catalogue_entries(f.bytes) >= card.permanentEntries);
-        if (!fine) {
-            fail((meta ? "metadata of " + name : std::string("catalogue")) + ": " + f.why);
-        }
+    void catalogue() {
+        AppRun r = app(1 << 20, {"ls", "--json"});
+        bool fine = r.rc == 0 && testsupport::catalogue_entries(r.out) >= card.permanentEntries;
         t.documents += fine;
-        finish(f.outcome == Outcome::Done);
+        if (!fine) {
+            fail("catalogue", r);
+        }
     }
-
+    void metadata() {
+        const std::string& name = card.media[rng() % card.media.size()];
+        AppRun r = app(64 << 20, {"meta", name});  // the whole document in one burst
+        bool fine = r.rc == 0 && r.out.find("\"" + name + "\"") != std::string::npos;
+        t.documents += fine;
+        if (!fine) {
+            fail("metadata of " + name, r);
+        }
+    }
     void download() {
         const CardFile& file = card.files[rng() % card.files.size()];
-        SessionParams p =
-            testsupport::random_params(rng, static_cast<uint32_t>(file.bytes.size()), TIMEOUT_MS);
-        if (!begin(p)) {
-            return;
-        }
-        Fetched f = testsupport::download(c, file.name, p, rng, file.kind == Kind::Thumbnail);
+        AppRun r = app(uint32_t(file.bytes.size()), {"get", file.name, "-o", out.path()});
+        std::string local = out.file(file.name), got = testsupport::read_file(local);
+        unlink(local.c_str());
         bool fine = false;
-        if (f.outcome == Outcome::Done) {
+        if (r.rc == 0) {
             ++t.downloads;
-            t.bytes += static_cast<long long>(f.bytes.size());
-            t.mismatches += f.bytes != file.bytes;
+            t.bytes += static_cast<long long>(got.size());
+            t.mismatches += got != file.bytes;
             fine = file.kind != Kind::Missing && file.kind != Kind::Empty;
-        } else if (f.outcome == Outcome::Refused) {
-            fine =
-                (file.kind == Kind::Missing && f.code == ACK_NOT_FOUND) ||
-                (file.kind == Kind::Empty && f.code == ACK_FAILED) ||
-                (file.kind == Kind::Deletable && (f.code == ACK_NOT_FOUND || f.code == ACK_FAILED));
+        } else {
+            fine = (file.kind == Kind::Missing && r.rc == app::EXIT_NOT_FOUND) ||
+                   (file.kind == Kind::Empty && r.rc == app::EXIT_FAILED) ||
+                   (file.kind == Kind::Deletable &&
+                    (r.rc == app::EXIT_NOT_FOUND || r.rc == app::EXIT_FAILED));
         }
         if (!fine) {
-            fail("download of " + file.name + ": " + f.why);
+            fail("download of " + file.name, r);
         }
-        finish(f.outcome != Outcome::Broken);
     }
-
     void remove_some() {
-        if (!begin(testsupport::random_params(rng, 0, TIMEOUT_MS))) {
-            return;
+        AppRun r = app(0, {"rm", card.deletable[rng() % card.deletable.size()],
+                           card.deletable[rng() % card.deletable.size()]});
+        bool accepted = r.out.rfind("ack: done (0xFB00)\n", 0) == 0;
+        t.deletes += accepted;
+        if (!accepted) {
+            fail("delete request not accepted", r);
         }
-        std::string json = "{\"media\":[\"" + card.deletable[rng() % card.deletable.size()] +
-                           "\",\"" + card.deletable[rng() % card.deletable.size()] + "\"]}";
-        app::Reply r;
-        bool ok = c.request_delete(json) == app::CLIENT_OK &&
-                  c.read_reply_of(1, r, TIMEOUT_MS) == app::CLIENT_OK && r.reqType == 1 &&
-                  r.ackCode == ACK_DONE;
-        if (!ok) {
-            fail("delete request not accepted");
-        }
-        t.deletes += ok;
-        finish(ok);
     }
 
     // Vanishing mid-burst or mid-packet, a bad checksum (answered, the connection stays),
     // a length outside 4..65532 (the connection closes), or noise.
     void misbehave() {
         ++t.misbehaviours;
-        std::vector<uint8_t> pkt =
-            app::encode_packet(1, 1, 5, c.seqNO, c.peerID, 0, 0, "\0\0\0\0", 4);
+        app::Client c;
+        c.peerID = next_peer();
+        if (c.connect_to("127.0.0.1", port, TIMEOUT_MS) != app::CLIENT_OK) {
+            return t.fail("app " + std::to_string(idx) + ": cannot connect");
+        }
+        std::vector<uint8_t> pkt = app::encode_packet(1, 1, MSG_POSITION, 1, c.peerID, 0, 0,
+                                                      "\0\0\0\0", 4);
         app::Reply r;
         switch (rng() % 5) {
-            case 0: {
-                SessionParams p = testsupport::random_params(rng, 0, TIMEOUT_MS);
-                p.packsize = 65535;
-                p.blocks = 64;
-                Fetched f;
-                uint32_t size = 0;
-                if (begin(p) && testsupport::request_size(c, "102MEDIA-BIG_0002.MP4", p, f, size)) {
-                    c.ctrl(6, 0);
+            case 0:  // a whole burst asked for, one packet read
+                if (c.configure(65535, 64) == 0 && c.read_reply_of(MSG_CONFIG, r, TIMEOUT_MS) == 0 &&
+                    c.request_download("102MEDIA-BIG_0002.MP4") == 0 &&
+                    c.read_reply_of(MSG_DOWNLOAD, r, TIMEOUT_MS) == 0 && c.ctrl(MSG_CHUNK_CONT, 0) == 0) {
                     c.read_reply(r, TIMEOUT_MS);
                 }
                 break;
-            }
             case 1:
                 c.send_raw(pkt.data(), 1 + rng() % (pkt.size() - 1));
                 break;
             case 2:
                 pkt.back() ^= 0x5A;
                 c.send_raw(pkt.data(), pkt.size());
-                if (c.read_reply_of(5, r, TIMEOUT_MS) == app::CLIENT_OK && r.reqType == 1 &&
-                    r.ackCode == ACK_BAD_CHECKSUM) {
-                    return;
+                if (c.read_reply_of(MSG_POSITION, r, TIMEOUT_MS) != 0 ||
+                    r.ackCode != ACK_BAD_CHECKSUM) {
+                    t.fail("bad checksum not answered with 0xFB03");
                 }
-                fail("bad checksum not answered with 0xFB03");
                 break;
             case 3: {
                 uint32_t len = rng() % 2 == 0 ? 3 : 65533 + rng() % 100000;
@@ -295,28 +260,23 @@ struct SoakApp {
                 }
                 c.send_raw(pkt.data(), pkt.size());
                 if (c.read_reply(r, TIMEOUT_MS) != app::CLIENT_CLOSED) {
-                    fail("bad length did not close the connection");
+                    t.fail("bad length did not close the connection");
                 }
                 break;
             }
             default: {
                 std::string noise = random_bytes(rng, 20 + rng() % 4000);
                 c.send_raw(noise.data(), noise.size());
-                break;
             }
         }
-        c.close_connection();
-        reconnect();
     }
 
     void run(Clock::time_point deadline) {
-        reconnect();
-        bool deleter = idx % 10 == 3;
-        bool vandal = idx % 5 == 1;
+        bool deleter = idx % 10 == 3, vandal = idx % 5 == 1;
         for (int ops = 0; ops < 100000 && Clock::now() < deadline; ++ops) {
             uint32_t roll = rng() % 100;
             if (roll < 35) {
-                catalogue_or_metadata();
+                roll % 2 == 0 ? catalogue() : metadata();
             } else if (roll >= 80 && deleter) {
                 remove_some();
             } else if (roll >= 80 && vandal) {
@@ -325,19 +285,19 @@ struct SoakApp {
                 download();
             }
         }
-        c.close_connection();
     }
 };
 
-class Soak : public testing::Test {
-protected:
+TEST(Soak, ManyAppsAtOnceLoseNothingAndLeaveNothingBehind) {
+    const int apps = env_int("KORVEL_SOAK_APPS", KORVEL_SOAK_SANITIZED ? 16 : 50);
+    const int seconds = env_int("KORVEL_SOAK_SECONDS", KORVEL_SOAK_SANITIZED ? 8 : 20);
     testsupport::TempDir tmp;
-    std::string root = tmp.file("SD0");
-    SoakCard card{root};
-    testsupport::TestServer server{root, tmp.file("cap.xml")};
-
-    void run_apps(int apps, int seconds, Tally& tally) {
-        Clock::time_point end = Clock::now() + std::chrono::seconds(seconds);
+    SoakCard card{tmp.file("SD0")};
+    testsupport::TestServer server{tmp.file("SD0"), tmp.file("cap.xml")};
+    const int baseFds = testsupport::open_fd_count();
+    Tally tally;
+    auto run_apps = [&] {
+        Clock::time_point end = Clock::now() + std::chrono::seconds((seconds + 1) / 2);
         std::vector<std::thread> threads;
         for (int i = 0; i < apps; ++i) {
             threads.emplace_back([&, i] {
@@ -347,34 +307,18 @@ protected:
         for (std::thread& th : threads) {
             th.join();
         }
-    }
-    // Waits (bounded) until the loop has reaped every closed connection.
-    static int settled_fds(int bound) {
-        int n = testsupport::open_fd_count();
-        for (int i = 0; i < 100 && n > bound; ++i) {
-            usleep(100000);
-            n = testsupport::open_fd_count();
-        }
-        return n;
-    }
-};
-
-TEST_F(Soak, ManyAppsAtOnceLoseNothingAndLeaveNothingBehind) {
-    const int apps = env_int("KORVEL_SOAK_APPS", KORVEL_SOAK_SANITIZED ? 16 : 50);
-    const int seconds = env_int("KORVEL_SOAK_SECONDS", KORVEL_SOAK_SANITIZED ? 8 : 20);
-    const int baseFds = testsupport::open_fd_count();
-
+    };
     // Two equal halves: the first warms the allocator's pools, the second must not grow.
-    Tally tally;
-    run_apps(apps, (seconds + 1) / 2, tally);
-    ASSERT_LE(settled_fds(baseFds + FD_SLACK), baseFds + FD_SLACK);
+    run_apps();
+    ASSERT_LE(testsupport::fds_settle_to(baseFds + FD_SLACK), baseFds + FD_SLACK);
     const long warmHeapKib = testsupport::heap_in_use_kib();
-    run_apps(apps, (seconds + 1) / 2, tally);
+    run_apps();
 
     EXPECT_EQ(testsupport::clean_session(server.port(), 0x7F000001, card.permanentEntries,
-                                         card.files[0].name, card.files[0].bytes),
+                                         tmp.path(), card.files[0].name, card.files[0].bytes),
               "");
-    EXPECT_LE(settled_fds(baseFds + FD_SLACK), baseFds + FD_SLACK) << "descriptors left open";
+    EXPECT_LE(testsupport::fds_settle_to(baseFds + FD_SLACK), baseFds + FD_SLACK)
+        << "descriptors left open";
     const long endHeapKib = testsupport::heap_in_use_kib();
     if (!KORVEL_SOAK_SANITIZED) {  // the sanitizers keep their own heap and leak check
         EXPECT_LT(endHeapKib - warmHeapKib, HEAP_GROWTH_KIB) << "heap grew under the same load";
@@ -389,12 +333,11 @@ TEST_F(Soak, ManyAppsAtOnceLoseNothingAndLeaveNothingBehind) {
             EXPECT_EQ(testsupport::read_file(f.path), f.bytes) << f.path << " changed or gone";
         }
     }
-    printf(
-        "soak: %d apps, %d s: %d downloads (%lld bytes), %d catalogues and metadata, "
-        "%d deletes, %d misbehaving sessions; fds %d -> %d; heap %ld -> %ld KiB\n",
-        apps, seconds, tally.downloads.load(), tally.bytes.load(), tally.documents.load(),
-        tally.deletes.load(), tally.misbehaviours.load(), baseFds, testsupport::open_fd_count(),
-        warmHeapKib, endHeapKib);
+    printf("soak: %d apps, %d s: %d downloads (%lld bytes), %d catalogues and metadata, "
+           "%d deletes, %d misbehaving sessions; fds %d -> %d; heap %ld -> %ld KiB\n",
+           apps, seconds, tally.downloads.load(), tally.bytes.load(), tally.documents.load(),
+           tally.deletes.load(), tally.misbehaviours.load(), baseFds,
+           testsupport::open_fd_count(), warmHeapKib, endHeapKib);
 }
 
 }  // namespace
