@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "client/event_base.h"
+#include "support/temp_dir.h"
 
 namespace korvel {
 namespace {
@@ -17,9 +18,8 @@ public:
     ~CountingHandler() override { stop_worker(); }
     void process(HandlerTask& t) override {
         if (t.offset == 1) {
-            while (!release) {
-                usleep(1000);
-            }
+            entered = true;
+            testsupport::eventually([this] { return release.load(); });
         }
         int now = ++inside;
         maxInside = std::max(maxInside.load(), now);
@@ -30,7 +30,12 @@ public:
         --inside;
     }
     void stop() { stop_worker(); }
-    std::atomic<bool> release{false};
+    bool stopping() const { return running == 0; }
+    size_t done() {
+        std::lock_guard<std::mutex> g(m);
+        return order.size();
+    }
+    std::atomic<bool> entered{false}, release{false};
     std::atomic<int> inside{0}, maxInside{0};
     std::mutex m;
     std::vector<uint32_t> order;
@@ -49,15 +54,8 @@ TEST(Worker, RunsTasksOneAtATimeInOrder) {
     for (uint32_t i = 2; i < 40; ++i) {
         h.queue_task(task(i));
     }
-    for (int i = 0; i < 400; ++i) {
-        std::lock_guard<std::mutex> g(h.m);
-        if (h.order.size() == 38) {
-            break;
-        }
-        usleep(1000);
-    }
+    ASSERT_TRUE(testsupport::eventually([&] { return h.done() == 38; }));
     std::lock_guard<std::mutex> g(h.m);
-    ASSERT_EQ(h.order.size(), 38u);
     for (uint32_t i = 0; i < 38; ++i) {
         EXPECT_EQ(h.order[i], i + 2);
     }
@@ -69,14 +67,14 @@ TEST(Worker, RunsTasksOneAtATimeInOrder) {
 TEST(Worker, StoppingFinishesTheTakenTaskAndDropsTheRest) {
     CountingHandler h;
     h.queue_task(task(1));  // blocks until released
-    usleep(20000);
+    ASSERT_TRUE(testsupport::eventually([&] { return h.entered.load(); }));
     h.queue_task(task(2));
     HandlerTask del = task(3);
     del.type = TASK_DELETE;
     del.payload.reset(new char[64]());
     h.queue_task(std::move(del));
     std::thread stopper([&] { h.stop(); });
-    usleep(20000);
+    EXPECT_TRUE(testsupport::eventually([&] { return h.stopping(); }));
     h.release = true;
     stopper.join();
     std::lock_guard<std::mutex> g(h.m);
