@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <algorithm>
 #include <cstdlib>
 #include <mutex>
 #include <random>
@@ -24,17 +25,6 @@
 #include "support/temp_dir.h"
 #include "support/test_server.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define KORVEL_SOAK_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define KORVEL_SOAK_SANITIZED 1
-#endif
-#endif
-#ifndef KORVEL_SOAK_SANITIZED
-#define KORVEL_SOAK_SANITIZED 0
-#endif
-
 namespace korvel {
 namespace {
 
@@ -48,6 +38,11 @@ constexpr int FD_SLACK = 4;
 // base in a hundred passes this bound several times over.
 constexpr long HEAP_GROWTH_KIB = 2 * 1024;
 constexpr int TIMEOUT_MS = 15000;
+#ifdef KORVEL_SANITIZED
+constexpr bool SANITIZED = true;  // the sanitizers are slower and keep their own heap
+#else
+constexpr bool SANITIZED = false;
+#endif
 
 int env_int(const char* name, int fallback) {
     const char* v = getenv(name);
@@ -80,17 +75,15 @@ struct SoakCard {
     std::vector<std::string> deletable, media;
     const int permanentEntries = 13;  // catalogue entries that can never vanish
 
-    void add(const std::string& dir, const std::string& file, const std::string& bytes, Kind k) {
-        testsupport::make_dirs(dcim + "/" + dir);
-        testsupport::write_file(dcim + "/" + dir + "/" + file, bytes);
-        files.push_back({dir + "-" + file, dcim + "/" + dir + "/" + file, bytes, k});
+    void add(const std::string& name, const std::string& bytes, Kind k = Kind::Permanent) {
+        std::string path = dcim + "/" + name.substr(0, 8) + "/" + name.substr(9);
+        testsupport::make_dirs(dcim + "/" + name.substr(0, 8));
+        testsupport::write_file(path, bytes);
+        files.push_back({name, path, bytes, k});
     }
-    static std::string thumb(uint32_t i) {
-        return testsupport::small_jpeg() + std::string(600 * i, static_cast<char>('a' + i));
-    }
-    std::string photo(uint32_t i, size_t body = 0) {
+    std::string photo(uint32_t i, const std::string& thumb, size_t body = 0) {
         testsupport::JpegPlan plan =
-            testsupport::camera_plan("Soak", "S" + std::to_string(i), 640, 480, thumb(i));
+            testsupport::camera_plan("Soak", "S" + std::to_string(i), 640, 480, thumb);
         plan.body = random_bytes(rng, body);
         return testsupport::jpeg_file(plan);
     }
@@ -100,33 +93,28 @@ struct SoakCard {
     }
     explicit SoakCard(const std::string& root) : dcim(root + "/DCIM") {
         for (uint32_t i = 1; i <= 6; ++i) {
-            std::string n = "IMG_000" + std::to_string(i);
-            add("100MEDIA", n + ".JPG", photo(i), Kind::Permanent);
-            if (i == 1) {
-                add("100MEDIA", n + ".thm", random_bytes(rng, 3000), Kind::Permanent);
-            } else {
-                files.push_back({"100MEDIA-" + n + ".thm", "", thumb(i), Kind::Thumbnail});
-            }
-            media.push_back("100MEDIA-" + n + ".JPG");
+            std::string n = "100MEDIA-IMG_000" + std::to_string(i), t = n + ".thm";
+            std::string thumb = testsupport::small_jpeg() + std::string(600 * i, char('a' + i));
+            add(n + ".JPG", photo(i, thumb));
+            i == 1 ? add(t, random_bytes(rng, 3000)) : files.push_back({t, "", thumb, Kind::Thumbnail});
+            media.push_back(n + ".JPG");
         }
         for (uint32_t i = 1; i <= 4; ++i) {
-            std::string n = "VID_000" + std::to_string(i);
-            add("101MEDIA", n + ".MP4", video(20000 * i), Kind::Permanent);
-            add("101MEDIA", n + ".2nd", random_bytes(rng, 5000), Kind::Permanent);
-            add("101MEDIA", n + ".THM", random_bytes(rng, 2000), Kind::Permanent);
-            media.push_back("101MEDIA-" + n + ".MP4");
+            std::string n = "101MEDIA-VID_000" + std::to_string(i);
+            add(n + ".MP4", video(20000 * i));
+            add(n + ".2nd", random_bytes(rng, 5000));
+            add(n + ".THM", random_bytes(rng, 2000));
+            media.push_back(n + ".MP4");
         }
-        add("102MEDIA", "BIG_0001.JPG", photo(9, 3 << 20), Kind::Permanent);
-        add("102MEDIA", "BIG_0002.MP4", video(5 << 20), Kind::Permanent);
-        add("102MEDIA", "EMPTY.JPG", "", Kind::Empty);
+        add("102MEDIA-BIG_0001.JPG", photo(9, "", 3 << 20));
+        add("102MEDIA-BIG_0002.MP4", video(5 << 20));
+        add("102MEDIA-EMPTY.JPG", "", Kind::Empty);
         for (uint32_t i = 10; i < 22; ++i) {
-            std::string n = "DEL_00" + std::to_string(i);
             bool isVideo = i % 3 == 0;
-            add("103MEDIA", n + (isVideo ? ".MP4" : ".JPG"), isVideo ? video(3000) : photo(i),
-                Kind::Deletable);
+            std::string n = "103MEDIA-DEL_00" + std::to_string(i);
+            add(n + (isVideo ? ".MP4" : ".JPG"), isVideo ? video(3000) : photo(i, ""), Kind::Deletable);
             deletable.push_back(files.back().name);
-            add("103MEDIA", n + (isVideo ? ".2nd" : ".thm"), random_bytes(rng, 700),
-                Kind::Deletable);
+            add(n + (isVideo ? ".2nd" : ".thm"), random_bytes(rng, 700), Kind::Deletable);
         }
         files.push_back({"100MEDIA-NOPE.JPG", "", "", Kind::Missing});
     }
@@ -138,10 +126,10 @@ struct Tally {
     std::atomic<long long> bytes{0};
     std::mutex m;
     std::vector<std::string> unexpected;
-    void fail(const std::string& what) {
+    void expect(bool fine, const std::string& what, const AppRun& r = {}) {
         std::lock_guard<std::mutex> g(m);
-        if (unexpected.size() < 20) {
-            unexpected.push_back(what);
+        if (!fine && unexpected.size() < 20) {
+            unexpected.push_back(what + ": exit " + std::to_string(r.rc) + " " + r.err);
         }
     }
 };
@@ -169,57 +157,38 @@ struct SoakApp {
                                    std::to_string(packsize), "--blocks", std::to_string(blocks)});
         return testsupport::run_app(port, args);
     }
-    void fail(const std::string& what, const AppRun& r) {
-        t.fail("app " + std::to_string(idx) + ": " + what + ": exit " + std::to_string(r.rc) +
-               " " + r.err);
-    }
 
-    void catalogue() {
-        AppRun r = app(1 << 20, {"ls", "--json"});
-        bool fine = r.rc == 0 && testsupport::catalogue_entries(r.out) >= card.permanentEntries;
-        t.documents += fine;
-        if (!fine) {
-            fail("catalogue", r);
-        }
-    }
-    void metadata() {
+    void catalogue_or_metadata() {
         const std::string& name = card.media[rng() % card.media.size()];
-        AppRun r = app(64 << 20, {"meta", name});  // the whole document in one burst
-        bool fine = r.rc == 0 && r.out.find("\"" + name + "\"") != std::string::npos;
+        bool meta = rng() % 2 == 0;
+        // Metadata asks for bursts big enough to hold the whole document.
+        AppRun r = meta ? app(64 << 20, {"meta", name}) : app(1 << 20, {"ls", "--json"});
+        bool fine = r.rc == 0 && (meta ? r.out.find("\"" + name + "\"") != std::string::npos
+                                       : testsupport::catalogue_entries(r.out) >= card.permanentEntries);
         t.documents += fine;
-        if (!fine) {
-            fail("metadata of " + name, r);
-        }
+        t.expect(fine, meta ? "metadata of " + name : "catalogue", r);
     }
     void download() {
         const CardFile& file = card.files[rng() % card.files.size()];
         AppRun r = app(uint32_t(file.bytes.size()), {"get", file.name, "-o", out.path()});
-        std::string local = out.file(file.name), got = testsupport::read_file(local);
-        unlink(local.c_str());
-        bool fine = false;
-        if (r.rc == 0) {
-            ++t.downloads;
-            t.bytes += static_cast<long long>(got.size());
-            t.mismatches += got != file.bytes;
-            fine = file.kind != Kind::Missing && file.kind != Kind::Empty;
-        } else {
-            fine = (file.kind == Kind::Missing && r.rc == app::EXIT_NOT_FOUND) ||
-                   (file.kind == Kind::Empty && r.rc == app::EXIT_FAILED) ||
-                   (file.kind == Kind::Deletable &&
-                    (r.rc == app::EXIT_NOT_FOUND || r.rc == app::EXIT_FAILED));
-        }
-        if (!fine) {
-            fail("download of " + file.name, r);
-        }
+        std::string got = testsupport::read_file(out.file(file.name));
+        unlink(out.file(file.name).c_str());
+        t.downloads += r.rc == 0;
+        t.bytes += r.rc == 0 ? static_cast<long long>(got.size()) : 0;
+        t.mismatches += r.rc == 0 && got != file.bytes;
+        bool gone = r.rc == app::EXIT_NOT_FOUND || r.rc == app::EXIT_FAILED;
+        t.expect(file.kind == Kind::Missing   ? r.rc == app::EXIT_NOT_FOUND
+                 : file.kind == Kind::Empty   ? r.rc == app::EXIT_FAILED
+                 : file.kind == Kind::Deletable ? r.rc == 0 || gone
+                                                : r.rc == 0,
+                 "download of " + file.name, r);
     }
     void remove_some() {
         AppRun r = app(0, {"rm", card.deletable[rng() % card.deletable.size()],
                            card.deletable[rng() % card.deletable.size()]});
         bool accepted = r.out.rfind("ack: done (0xFB00)\n", 0) == 0;
         t.deletes += accepted;
-        if (!accepted) {
-            fail("delete request not accepted", r);
-        }
+        t.expect(accepted, "delete request not accepted", r);
     }
 
     // Vanishing mid-burst or mid-packet, a bad checksum (answered, the connection stays),
@@ -228,46 +197,33 @@ struct SoakApp {
         ++t.misbehaviours;
         app::Client c;
         c.peerID = next_peer();
-        if (c.connect_to("127.0.0.1", port, TIMEOUT_MS) != app::CLIENT_OK) {
-            return t.fail("app " + std::to_string(idx) + ": cannot connect");
-        }
-        std::vector<uint8_t> pkt = app::encode_packet(1, 1, MSG_POSITION, 1, c.peerID, 0, 0,
-                                                      "\0\0\0\0", 4);
         app::Reply r;
-        switch (rng() % 5) {
-            case 0:  // a whole burst asked for, one packet read
-                if (c.configure(65535, 64) == 0 && c.read_reply_of(MSG_CONFIG, r, TIMEOUT_MS) == 0 &&
-                    c.request_download("102MEDIA-BIG_0002.MP4") == 0 &&
-                    c.read_reply_of(MSG_DOWNLOAD, r, TIMEOUT_MS) == 0 && c.ctrl(MSG_CHUNK_CONT, 0) == 0) {
-                    c.read_reply(r, TIMEOUT_MS);
-                }
-                break;
-            case 1:
-                c.send_raw(pkt.data(), 1 + rng() % (pkt.size() - 1));
-                break;
-            case 2:
-                pkt.back() ^= 0x5A;
-                c.send_raw(pkt.data(), pkt.size());
-                if (c.read_reply_of(MSG_POSITION, r, TIMEOUT_MS) != 0 ||
-                    r.ackCode != ACK_BAD_CHECKSUM) {
-                    t.fail("bad checksum not answered with 0xFB03");
-                }
-                break;
-            case 3: {
-                uint32_t len = rng() % 2 == 0 ? 3 : 65533 + rng() % 100000;
-                for (int i = 0; i < 4; ++i) {
-                    pkt[12 + i] = static_cast<uint8_t>(len >> (24 - 8 * i));
-                }
-                c.send_raw(pkt.data(), pkt.size());
-                if (c.read_reply(r, TIMEOUT_MS) != app::CLIENT_CLOSED) {
-                    t.fail("bad length did not close the connection");
-                }
-                break;
+        std::vector<uint8_t> pkt =
+            app::encode_packet(1, 1, MSG_POSITION, 1, c.peerID, 0, 0, "\0\0\0\0", 4);
+        uint32_t kind = rng() % 5, len = rng() % 2 == 0 ? 3 : 65533 + rng() % 100000;
+        t.expect(c.connect_to("127.0.0.1", port, TIMEOUT_MS) == 0, "cannot connect");
+        if (kind == 0 && c.configure(65535, 64) == 0 && c.read_reply_of(MSG_CONFIG, r, TIMEOUT_MS) == 0 &&
+            c.request_download("102MEDIA-BIG_0002.MP4") == 0 &&
+            c.read_reply_of(MSG_DOWNLOAD, r, TIMEOUT_MS) == 0 && c.ctrl(MSG_CHUNK_CONT, 0) == 0) {
+            c.read_reply(r, TIMEOUT_MS);  // one packet of a whole burst
+        } else if (kind == 1) {
+            c.send_raw(pkt.data(), 1 + rng() % (pkt.size() - 1));
+        } else if (kind == 2) {
+            pkt.back() ^= 0x5A;
+            c.send_raw(pkt.data(), pkt.size());
+            t.expect(c.read_reply_of(MSG_POSITION, r, TIMEOUT_MS) == 0 &&
+                         r.ackCode == ACK_BAD_CHECKSUM,
+                     "bad checksum not answered with 0xFB03");
+        } else if (kind == 3) {
+            for (int i = 0; i < 4; ++i) {
+                pkt[12 + i] = static_cast<uint8_t>(len >> (24 - 8 * i));
             }
-            default: {
-                std::string noise = random_bytes(rng, 20 + rng() % 4000);
-                c.send_raw(noise.data(), noise.size());
-            }
+            c.send_raw(pkt.data(), pkt.size());
+            t.expect(c.read_reply(r, TIMEOUT_MS) == app::CLIENT_CLOSED,
+                     "bad length did not close the connection");
+        } else if (kind == 4) {
+            std::string noise = random_bytes(rng, 20 + rng() % 4000);
+            c.send_raw(noise.data(), noise.size());
         }
     }
 
@@ -275,26 +231,21 @@ struct SoakApp {
         bool deleter = idx % 10 == 3, vandal = idx % 5 == 1;
         for (int ops = 0; ops < 100000 && Clock::now() < deadline; ++ops) {
             uint32_t roll = rng() % 100;
-            if (roll < 35) {
-                roll % 2 == 0 ? catalogue() : metadata();
-            } else if (roll >= 80 && deleter) {
-                remove_some();
-            } else if (roll >= 80 && vandal) {
-                misbehave();
-            } else {
-                download();
-            }
+            roll < 35                ? catalogue_or_metadata()
+            : roll >= 80 && deleter ? remove_some()
+            : roll >= 80 && vandal  ? misbehave()
+                                    : download();
         }
     }
 };
 
 TEST(Soak, ManyAppsAtOnceLoseNothingAndLeaveNothingBehind) {
-    const int apps = env_int("KORVEL_SOAK_APPS", KORVEL_SOAK_SANITIZED ? 16 : 50);
-    const int seconds = env_int("KORVEL_SOAK_SECONDS", KORVEL_SOAK_SANITIZED ? 8 : 20);
+    const int apps = env_int("KORVEL_SOAK_APPS", SANITIZED ? 16 : 50);
+    const int seconds = env_int("KORVEL_SOAK_SECONDS", SANITIZED ? 8 : 20);
     testsupport::TempDir tmp;
     SoakCard card{tmp.file("SD0")};
     testsupport::TestServer server{tmp.file("SD0"), tmp.file("cap.xml")};
-    const int baseFds = testsupport::open_fd_count();
+    const int baseFds = testsupport::open_fd_count(), fdBound = baseFds + FD_SLACK;
     Tally tally;
     auto run_apps = [&] {
         Clock::time_point end = Clock::now() + std::chrono::seconds((seconds + 1) / 2);
@@ -310,28 +261,26 @@ TEST(Soak, ManyAppsAtOnceLoseNothingAndLeaveNothingBehind) {
     };
     // Two equal halves: the first warms the allocator's pools, the second must not grow.
     run_apps();
-    ASSERT_LE(testsupport::fds_settle_to(baseFds + FD_SLACK), baseFds + FD_SLACK);
+    ASSERT_LE(testsupport::fds_settle_to(fdBound), fdBound);
     const long warmHeapKib = testsupport::heap_in_use_kib();
     run_apps();
 
     EXPECT_EQ(testsupport::clean_session(server.port(), 0x7F000001, card.permanentEntries,
                                          tmp.path(), card.files[0].name, card.files[0].bytes),
               "");
-    EXPECT_LE(testsupport::fds_settle_to(baseFds + FD_SLACK), baseFds + FD_SLACK)
-        << "descriptors left open";
+    EXPECT_LE(testsupport::fds_settle_to(fdBound), fdBound) << "descriptors left open";
     const long endHeapKib = testsupport::heap_in_use_kib();
-    if (!KORVEL_SOAK_SANITIZED) {  // the sanitizers keep their own heap and leak check
-        EXPECT_LT(endHeapKib - warmHeapKib, HEAP_GROWTH_KIB) << "heap grew under the same load";
-    }
+    EXPECT_TRUE(SANITIZED || endHeapKib - warmHeapKib < HEAP_GROWTH_KIB)
+        << "heap grew under the same load: " << warmHeapKib << " -> " << endHeapKib << " KiB";
     EXPECT_EQ(tally.mismatches.load(), 0) << "a completed download differed from its file";
     EXPECT_GT(tally.downloads.load(), apps) << "too little got through to mean anything";
     for (const std::string& u : tally.unexpected) {
         ADD_FAILURE() << u;
     }
     for (const CardFile& f : card.files) {
-        if (!f.path.empty() && f.kind != Kind::Deletable) {
-            EXPECT_EQ(testsupport::read_file(f.path), f.bytes) << f.path << " changed or gone";
-        }
+        EXPECT_TRUE(f.path.empty() || f.kind == Kind::Deletable ||
+                    testsupport::read_file(f.path) == f.bytes)
+            << f.path << " changed or gone";
     }
     printf("soak: %d apps, %d s: %d downloads (%lld bytes), %d catalogues and metadata, "
            "%d deletes, %d misbehaving sessions; fds %d -> %d; heap %ld -> %ld KiB\n",
