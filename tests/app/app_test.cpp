@@ -224,8 +224,8 @@ TEST_F(Tool, DeletingAVideoMidDownloadLeavesItsStreamIntact) {
     Reply r;
     std::string got, held = card + "/DCIM/tmp_delete/V.MP4";
     auto burst = [&](uint32_t off) {
-        ASSERT_EQ(c.ctrl(3, off), CLIENT_OK);
-        for (int i = 0; i < 2 && c.read_reply_of(3, r) == CLIENT_OK; ++i) {
+        ASSERT_EQ(c.ctrl(MSG_CHUNK, off), CLIENT_OK);
+        for (int i = 0; i < 2 && c.read_reply_of(MSG_CHUNK, r) == CLIENT_OK; ++i) {
             got.append(r.payload.begin(), r.payload.end());
         }
     };
@@ -233,10 +233,7 @@ TEST_F(Tool, DeletingAVideoMidDownloadLeavesItsStreamIntact) {
                 c.request_download("100MEDIA-V.MP4") == 0);
     burst(0);
     ASSERT_EQ(c.request_delete(R"({"media":["100MEDIA-V.MP4"]})"), CLIENT_OK);
-    for (int i = 0; i < 500 && (exists(media + "/V.MP4") || exists(held)); ++i) {
-        usleep(10000);
-    }
-    ASSERT_FALSE(exists(media + "/V.MP4") || exists(held));
+    ASSERT_TRUE(testsupport::eventually([&] { return !exists(media + "/V.MP4") && !exists(held); }));
     burst(8192);
     EXPECT_TRUE(got == pattern_bytes(40000, 7).substr(0, 16384)) << got.size();
 }
