@@ -14,7 +14,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static int sv[2] = {-1, -1};
-    static korvel::CEventBase* eb = [] {  // inputs build on each other, as in a session
+    static korvel::CEventBase* eb = [] {       // inputs build on each other, as in a session
         dup2(open("/dev/null", O_WRONLY), 1);  // trace lines would drown the fuzzer
         korvel::testing_seam::set_sd_root("/tmp/korvel-fuzz-config-card");
         socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sv);
@@ -31,9 +31,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     while (read(sv[1], reply.buffer(), 28) == 28) {
         reply.unpackHeader();
         uint64_t burst = uint64_t(eb->userDefPacksize) * eb->userDefBlocks;
-        if (++replies > 1 || reply.getAckCode() != (burst > korvel::MAX_BURST_BYTES
-                                                         ? korvel::ACK_TOO_LARGE
-                                                         : korvel::ACK_DONE)) {
+        if (++replies > 1 ||
+            reply.getAckCode() !=
+                (burst > korvel::MAX_BURST_BYTES ? korvel::ACK_TOO_LARGE : korvel::ACK_DONE)) {
             abort();
         }
     }

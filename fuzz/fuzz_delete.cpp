@@ -17,10 +17,11 @@
 
 namespace {
 
-const char* const MEDIA[] = {"IMG_0001.JPG", "IMG_0001.thm", "VID_0002.MP4", "VID_0002.2nd",
-                             "VID_0002.THM", "A.MOV",        "B",            "A-B.mp4"};
-const char* const SECRETS[] = {"/outside/secret.JPG", "/outside/secret.MP4",
-                               "/card/secret.JPG", "/card/secret.MP4"};
+const char* const MEDIA[] = {
+    "IMG_0001.JPG", "IMG_0001.thm", "VID_0002.MP4", "VID_0002.2nd", "VID_0002.THM", "A.MOV", "B",
+    "A-B.mp4"};
+const char* const SECRETS[] = {"/outside/secret.JPG", "/outside/secret.MP4", "/card/secret.JPG",
+                               "/card/secret.MP4"};
 
 void write_text(const std::string& path) {
     if (FILE* f = fopen(path.c_str(), "w")) {
@@ -74,7 +75,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             abort();
         }
     }
-    if (std::distance(std::filesystem::directory_iterator(std::string(base) + "/outside"), {}) != 2) {
+    if (std::distance(std::filesystem::directory_iterator(std::string(base) + "/outside"), {}) !=
+        2) {
         abort();  // something was moved beside the card
     }
     for (const std::string& p : queued.pendingNames) {

@@ -31,8 +31,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 2) {
         return 0;
     }
-    const std::string roots[] = {"", kCard, kCard + "/DCIM/..", "/etc", kCard + "x/DCIM",
-                                 kCard + "/DCIM"};
+    const std::string roots[] = {
+        "", kCard, kCard + "/DCIM/..", "/etc", kCard + "x/DCIM", kCard + "/DCIM"};
     const int32_t ids[4] = {-1, 0, 7, 12345};
     std::string root = roots[std::min((data[0] >> 1) & 7, 5)];
     size_t postfixLen = std::min<size_t>(data[1] % 16, size - 2);

@@ -28,7 +28,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         pos += chunk == 0 ? 0 : std::max<ssize_t>(write(sv[1], data + pos, chunk), 0);
         while ((r = assembler.feed(sv[0], packet)) > 0) {
             uint32_t len = packet.getPayloadLen();
-            if (len < 4 || len > 65532 || r != int32_t(len + 24) || packet.getCrcLen() != len + 20) {
+            if (len < 4 || len > 65532 || r != int32_t(len + 24) ||
+                packet.getCrcLen() != len + 20) {
                 abort();
             }
         }

@@ -14,8 +14,8 @@
 #include "app/tool.h"
 #include "core/packet.h"
 #include "support/shell.h"
-#include "support/temp_dir.h"
 #include "support/soak_client.h"
+#include "support/temp_dir.h"
 #include "support/test_server.h"
 
 namespace korvel::app {
@@ -233,7 +233,8 @@ TEST_F(Tool, DeletingAVideoMidDownloadLeavesItsStreamIntact) {
                 c.request_download("100MEDIA-V.MP4") == 0);
     burst(0);
     ASSERT_EQ(c.request_delete(R"({"media":["100MEDIA-V.MP4"]})"), CLIENT_OK);
-    ASSERT_TRUE(testsupport::eventually([&] { return !exists(media + "/V.MP4") && !exists(held); }));
+    ASSERT_TRUE(
+        testsupport::eventually([&] { return !exists(media + "/V.MP4") && !exists(held); }));
     burst(8192);
     EXPECT_TRUE(got == pattern_bytes(40000, 7).substr(0, 16384)) << got.size();
 }

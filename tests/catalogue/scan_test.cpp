@@ -8,10 +8,9 @@
 #include <algorithm>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <sstream>
 #include <string>
-
-#include <filesystem>
 
 #include "catalogue/catalogue_fixture.h"
 #include "media/json_file.h"
@@ -58,10 +57,10 @@ std::string outline(const cJSON* media) {
 // collecting only its own kinds; DNG never gets a thumbnail, photos never a second stream.
 TEST_F(ScanTest, EachTypeListsItsEntriesWithTheCompanionsItCollects) {
     add_all("100MEDIA",
-                   {"A.JPG", "A.thm",  "B.jpg",   "B.THM", "C.JPG",     "C.THM", "C.thm", "D.JPG",
-                    "D.Thm", "D.2nd",  "E.DNG",   "E.thm", "F.MP4",     "F.THM", "F.2nd", "G.mp4",
-                    "G.2ND", "G.thm",  "H.JPG",   "H.mov", "H.thm",     "H.2nd", "I.dng", "J.MOV",
-                    "m.txt", "README", ".hidden", "n.",    "o.0001.JPG"});
+            {"A.JPG", "A.thm",  "B.jpg",   "B.THM", "C.JPG",     "C.THM", "C.thm", "D.JPG",
+             "D.Thm", "D.2nd",  "E.DNG",   "E.thm", "F.MP4",     "F.THM", "F.2nd", "G.mp4",
+             "G.2ND", "G.thm",  "H.JPG",   "H.mov", "H.thm",     "H.2nd", "I.dng", "J.MOV",
+             "m.txt", "README", ".hidden", "n.",    "o.0001.JPG"});
     const std::string recent = "A.JPG B.jpg C.JPG D.JPG F.MP4 G.mp4 H.JPG H.mov J.MOV";
     const std::string cases[][2] = {
         {"0", ""},
@@ -86,7 +85,7 @@ TEST_F(ScanTest, EachTypeListsItsEntriesWithTheCompanionsItCollects) {
 
 TEST_F(ScanTest, OnlyRealDirectoriesNamedMediaTakeSlots) {
     add_all("100MEDIA", {"README", "LICENSE"});  // no extension anywhere: no slot
-    add("101MEDIA", "v.MP4");              // nothing selected, still a slot
+    add("101MEDIA", "v.MP4");                    // nothing selected, still a slot
     add("xMEDIAy", "p.JPG");
     add("102media", "q.JPG");  // the marker is case-sensitive
     add("REAL", "s.JPG");

@@ -57,9 +57,8 @@ TEST(Packet, ReceivedPacketConvertsAndVerifies) {
     uint32_t wireCrc = crc32_calc(0, sent.buffer(), 24);
     memcpy(got.buffer(), sent.buffer(), 28);
     got.unpackHeader();
-    EXPECT_EQ(std::make_tuple(got.getReqType(), got.getMarker(), got.getMsgType(),
-                              got.getSeqNO(), got.getPeerID(), got.getOffset(),
-                              got.getPayloadLen()),
+    EXPECT_EQ(std::make_tuple(got.getReqType(), got.getMarker(), got.getMsgType(), got.getSeqNO(),
+                              got.getPeerID(), got.getOffset(), got.getPayloadLen()),
               std::make_tuple(1u, 3u, 6u, 0xABCDEFu, 0x00012345u, 77u, 4u));
     EXPECT_EQ(std::make_tuple(got.getAckWord(), got.getAckFlag(), got.getAckValue(),
                               got.getAckCode(), got.getCrcLen()),

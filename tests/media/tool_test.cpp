@@ -40,12 +40,14 @@ TEST(Tools, ExiftoolFactsAndThumbnailMatchOurs) {
         " && ffmpeg -v error -y -f lavfi -i color=c=blue:s=160x120 -frames:v 1 '" + thumb + "'");
     run("exiftool -q -overwrite_original -Make=KRV -Model=K1 -XResolution= -YResolution= "
         "-ResolutionUnit=inches -YCbCrPositioning=Co-sited -ExifImageWidth=320 "
-        "-ExifImageHeight=240 '-ThumbnailImage<=" + thumb + "' " + photo);
+        "-ExifImageHeight=240 '-ThumbnailImage<=" +
+        thumb + "' " + photo);
     char f[6][32] = {};
     ASSERT_EQ(exif_read_photo_info(f[0], f[1], f[2], f[3], f[4], f[5], path.c_str()), 0);
     EXPECT_EQ(Lines(std::begin(f), std::end(f)),
               run("exiftool -n -s3 -Make -Model -ExifImageWidth -ExifImageHeight "
-                  "-ResolutionUnit -YCbCrPositioning " + photo));
+                  "-ResolutionUnit -YCbCrPositioning " +
+                  photo));
     std::vector<uint8_t> buf(122880);
     uint32_t size = 0;
     ASSERT_EQ(exif_read_thumbnail(path.c_str(), buf.data(), uint32_t(buf.size()), &size), 0);
@@ -59,18 +61,21 @@ TEST(Tools, ExiftoolFactsAndThumbnailMatchOurs) {
 TEST(Tools, ClipFactsMatchFfprobe) {
     ASSERT_TRUE(on_path("ffmpeg") && on_path("ffprobe")) << "run scripts/deps.sh";
     TempDir tmp;
-    const char* clips[][3] = {
-        {"h264.mp4", "libx264", "H264"}, {"h264.mov", "libx264", "H264"},
-        {"mpeg4.mp4", "mpeg4", "MPEG-4 "}};
+    const char* clips[][3] = {{"h264.mp4", "libx264", "H264"},
+                              {"h264.mov", "libx264", "H264"},
+                              {"mpeg4.mp4", "mpeg4", "MPEG-4 "}};
     for (const auto& [file, encoder, codec] : clips) {
         std::string path = "'" + tmp.file(file) + "'";
         run("ffmpeg -v error -f lavfi -i testsrc=size=352x208:rate=25:duration=2 -f lavfi -i "
-            "sine=duration=2 -pix_fmt yuv420p -c:a aac -shortest -c:v " + std::string(encoder) +
-            " " + path + " 2>&1");
-        Lines p = run("ffprobe -v error -select_streams v:0 -show_entries stream=width,height,"
-                      "duration -of default=nw=1:nk=1 " + path);
+            "sine=duration=2 -pix_fmt yuv420p -c:a aac -shortest -c:v " +
+            std::string(encoder) + " " + path + " 2>&1");
+        Lines p =
+            run("ffprobe -v error -select_streams v:0 -show_entries stream=width,height,"
+                "duration -of default=nw=1:nk=1 " +
+                path);
         char f[6][16] = {};
-        ASSERT_EQ(mp4_read_video_info(f[0], f[1], f[2], f[3], f[4], f[5], tmp.file(file).c_str()), 0);
+        ASSERT_EQ(mp4_read_video_info(f[0], f[1], f[2], f[3], f[4], f[5], tmp.file(file).c_str()),
+                  0);
         ASSERT_EQ(p.size(), 3u) << file;
         EXPECT_EQ(Lines({f[4], f[5]}), Lines({p[0], p[1]})) << file;
         EXPECT_NEAR(std::atof(f[3]), std::atof(p[2].c_str()), 1.0 / 25) << file;

@@ -3,8 +3,8 @@
 // full card during a delete, and an app that stops reading. Each one ends in a reply code
 // or a closed connection, and a well-behaved app is served afterwards.
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -236,7 +236,8 @@ TEST_F(Fault, FullCardDuringADeleteUnlinksDirectly) {
     EXPECT_EQ(rm.rc, app::EXIT_BAD_LOCATION);
     EXPECT_EQ(rm.out, "ack: done (0xFB00)\nack: bad location (0xFB10)\n");
     // The unlinks follow the reply.
-    EXPECT_TRUE(testsupport::eventually([&] { return !testsupport::exists(media + "/VID_0001.2nd"); }));
+    EXPECT_TRUE(
+        testsupport::eventually([&] { return !testsupport::exists(media + "/VID_0001.2nd"); }));
     EXPECT_FALSE(testsupport::exists(media + "/VID_0001.MP4"));
     EXPECT_TRUE(testsupport::exists(root + "/fill0"));
     clean_app_is_served();

@@ -7,9 +7,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <algorithm>
 #include <cstdlib>
 #include <mutex>
 #include <random>
@@ -96,7 +96,8 @@ struct SoakCard {
             std::string n = "100MEDIA-IMG_000" + std::to_string(i), t = n + ".thm";
             std::string thumb = testsupport::small_jpeg() + std::string(600 * i, char('a' + i));
             add(n + ".JPG", photo(i, thumb));
-            i == 1 ? add(t, random_bytes(rng, 3000)) : files.push_back({t, "", thumb, Kind::Thumbnail});
+            i == 1 ? add(t, random_bytes(rng, 3000))
+                   : files.push_back({t, "", thumb, Kind::Thumbnail});
             media.push_back(n + ".JPG");
         }
         for (uint32_t i = 1; i <= 4; ++i) {
@@ -112,7 +113,8 @@ struct SoakCard {
         for (uint32_t i = 10; i < 22; ++i) {
             bool isVideo = i % 3 == 0;
             std::string n = "103MEDIA-DEL_00" + std::to_string(i);
-            add(n + (isVideo ? ".MP4" : ".JPG"), isVideo ? video(3000) : photo(i, ""), Kind::Deletable);
+            add(n + (isVideo ? ".MP4" : ".JPG"), isVideo ? video(3000) : photo(i, ""),
+                Kind::Deletable);
             deletable.push_back(files.back().name);
             add(n + (isVideo ? ".2nd" : ".thm"), random_bytes(rng, 700), Kind::Deletable);
         }
@@ -152,9 +154,9 @@ struct SoakApp {
     AppRun app(uint32_t size, std::vector<std::string> args) {
         uint32_t packsize = 512 + rng() % (65535 - 512 + 1);
         uint32_t blocks = std::max<uint32_t>(1 + rng() % 16, size / (packsize * 64) + 1);
-        args.insert(args.begin(), {"--peer", std::to_string(next_peer()), "--timeout",
-                                   std::to_string(TIMEOUT_MS), "--packsize",
-                                   std::to_string(packsize), "--blocks", std::to_string(blocks)});
+        args.insert(args.begin(),
+                    {"--peer", std::to_string(next_peer()), "--timeout", std::to_string(TIMEOUT_MS),
+                     "--packsize", std::to_string(packsize), "--blocks", std::to_string(blocks)});
         return testsupport::run_app(port, args);
     }
 
@@ -163,8 +165,9 @@ struct SoakApp {
         bool meta = rng() % 2 == 0;
         // Metadata asks for bursts big enough to hold the whole document.
         AppRun r = meta ? app(64 << 20, {"meta", name}) : app(1 << 20, {"ls", "--json"});
-        bool fine = r.rc == 0 && (meta ? r.out.find("\"" + name + "\"") != std::string::npos
-                                       : testsupport::catalogue_entries(r.out) >= card.permanentEntries);
+        bool fine =
+            r.rc == 0 && (meta ? r.out.find("\"" + name + "\"") != std::string::npos
+                               : testsupport::catalogue_entries(r.out) >= card.permanentEntries);
         t.documents += fine;
         t.expect(fine, meta ? "metadata of " + name : "catalogue", r);
     }
@@ -177,8 +180,8 @@ struct SoakApp {
         t.bytes += r.rc == 0 ? static_cast<long long>(got.size()) : 0;
         t.mismatches += r.rc == 0 && got != file.bytes;
         bool gone = r.rc == app::EXIT_NOT_FOUND || r.rc == app::EXIT_FAILED;
-        t.expect(file.kind == Kind::Missing   ? r.rc == app::EXIT_NOT_FOUND
-                 : file.kind == Kind::Empty   ? r.rc == app::EXIT_FAILED
+        t.expect(file.kind == Kind::Missing     ? r.rc == app::EXIT_NOT_FOUND
+                 : file.kind == Kind::Empty     ? r.rc == app::EXIT_FAILED
                  : file.kind == Kind::Deletable ? r.rc == 0 || gone
                                                 : r.rc == 0,
                  "download of " + file.name, r);
@@ -202,7 +205,8 @@ struct SoakApp {
             app::encode_packet(1, 1, MSG_POSITION, 1, c.peerID, 0, 0, "\0\0\0\0", 4);
         uint32_t kind = rng() % 5, len = rng() % 2 == 0 ? 3 : 65533 + rng() % 100000;
         t.expect(c.connect_to("127.0.0.1", port, TIMEOUT_MS) == 0, "cannot connect");
-        if (kind == 0 && c.configure(65535, 64) == 0 && c.read_reply_of(MSG_CONFIG, r, TIMEOUT_MS) == 0 &&
+        if (kind == 0 && c.configure(65535, 64) == 0 &&
+            c.read_reply_of(MSG_CONFIG, r, TIMEOUT_MS) == 0 &&
             c.request_download("102MEDIA-BIG_0002.MP4") == 0 &&
             c.read_reply_of(MSG_DOWNLOAD, r, TIMEOUT_MS) == 0 && c.ctrl(MSG_CHUNK_CONT, 0) == 0) {
             c.read_reply(r, TIMEOUT_MS);  // one packet of a whole burst
@@ -211,9 +215,9 @@ struct SoakApp {
         } else if (kind == 2) {
             pkt.back() ^= 0x5A;
             c.send_raw(pkt.data(), pkt.size());
-            t.expect(c.read_reply_of(MSG_POSITION, r, TIMEOUT_MS) == 0 &&
-                         r.ackCode == ACK_BAD_CHECKSUM,
-                     "bad checksum not answered with 0xFB03");
+            t.expect(
+                c.read_reply_of(MSG_POSITION, r, TIMEOUT_MS) == 0 && r.ackCode == ACK_BAD_CHECKSUM,
+                "bad checksum not answered with 0xFB03");
         } else if (kind == 3) {
             for (int i = 0; i < 4; ++i) {
                 pkt[12 + i] = static_cast<uint8_t>(len >> (24 - 8 * i));
@@ -231,7 +235,7 @@ struct SoakApp {
         bool deleter = idx % 10 == 3, vandal = idx % 5 == 1;
         for (int ops = 0; ops < 100000 && Clock::now() < deadline; ++ops) {
             uint32_t roll = rng() % 100;
-            roll < 35                ? catalogue_or_metadata()
+            roll < 35               ? catalogue_or_metadata()
             : roll >= 80 && deleter ? remove_some()
             : roll >= 80 && vandal  ? misbehave()
                                     : download();
@@ -282,11 +286,12 @@ TEST(Soak, ManyAppsAtOnceLoseNothingAndLeaveNothingBehind) {
                     testsupport::read_file(f.path) == f.bytes)
             << f.path << " changed or gone";
     }
-    printf("soak: %d apps, %d s: %d downloads (%lld bytes), %d catalogues and metadata, "
-           "%d deletes, %d misbehaving sessions; fds %d -> %d; heap %ld -> %ld KiB\n",
-           apps, seconds, tally.downloads.load(), tally.bytes.load(), tally.documents.load(),
-           tally.deletes.load(), tally.misbehaviours.load(), baseFds,
-           testsupport::open_fd_count(), warmHeapKib, endHeapKib);
+    printf(
+        "soak: %d apps, %d s: %d downloads (%lld bytes), %d catalogues and metadata, "
+        "%d deletes, %d misbehaving sessions; fds %d -> %d; heap %ld -> %ld KiB\n",
+        apps, seconds, tally.downloads.load(), tally.bytes.load(), tally.documents.load(),
+        tally.deletes.load(), tally.misbehaviours.load(), baseFds, testsupport::open_fd_count(),
+        warmHeapKib, endHeapKib);
 }
 
 }  // namespace
