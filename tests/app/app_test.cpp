@@ -13,7 +13,6 @@
 
 #include "app/tool.h"
 #include "core/packet.h"
-#include "support/shell.h"
 #include "support/soak_client.h"
 #include "support/temp_dir.h"
 #include "support/test_server.h"

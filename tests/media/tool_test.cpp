@@ -8,7 +8,6 @@
 
 #include "media/exif.h"
 #include "media/mp4.h"
-#include "support/shell.h"
 #include "support/temp_dir.h"
 
 namespace korvel {

@@ -67,6 +67,26 @@ void remove_tree(const std::string& path) {
     nftw(path.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
 }
 
+std::string run_command(const std::string& cmd, int* status) {
+    std::string out;
+    FILE* p = popen(cmd.c_str(), "r");
+    char chunk[4096];
+    for (size_t n; p != nullptr && (n = fread(chunk, 1, sizeof chunk, p)) > 0;) {
+        out.append(chunk, n);
+    }
+    int s = p != nullptr ? pclose(p) : -1;
+    if (status != nullptr) {
+        *status = s;
+    }
+    return out;
+}
+
+bool on_path(const char* tool) {
+    int status = 0;
+    run_command(std::string("command -v ") + tool + " >/dev/null 2>&1", &status);
+    return status == 0;
+}
+
 bool eventually(const std::function<bool()>& condition, int ms) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
     while (!condition()) {
