@@ -1,14 +1,14 @@
 #include "support/temp_dir.h"
 
-#include <ftw.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 
 namespace korvel {
 namespace testsupport {
@@ -26,30 +26,17 @@ TempDir::~TempDir() {
 }
 
 void make_dirs(const std::string& path) {
-    std::string cur;
-    std::stringstream ss(path);
-    std::string part;
-    while (std::getline(ss, part, '/')) {
-        if (part.empty()) {
-            cur += "/";
-            continue;
-        }
-        cur += part;
-        mkdir(cur.c_str(), 0777);
-        cur += "/";
-    }
+    std::error_code ec;
+    std::filesystem::create_directories(path, ec);
 }
 
 void write_file(const std::string& path, const std::string& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
 std::string read_file(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 bool exists(const std::string& path) {
@@ -57,14 +44,9 @@ bool exists(const std::string& path) {
     return lstat(path.c_str(), &st) == 0;
 }
 
-static int remove_entry(const char* p, const struct stat*, int, struct FTW*) {
-    chmod(p, 0777);  // a test may have made a directory read-only
-    return remove(p);
-}
-
 void remove_tree(const std::string& path) {
-    chmod(path.c_str(), 0777);
-    nftw(path.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
+    std::error_code ec;
+    std::filesystem::remove_all(path, ec);
 }
 
 std::string run_command(const std::string& cmd, int* status) {
