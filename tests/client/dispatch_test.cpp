@@ -174,9 +174,9 @@ TEST_F(Dispatch, LastPackageNoticeNeedsCodeTypeAndMarker) {
 }
 
 // The quit's acknowledgement is checked on the wire by the system tests.
-TEST_F(Dispatch, PositionIsAnsweredAtOnceWithTheNextOffset) {
+TEST_F(Dispatch, PositionIsAnsweredAtOnceAsPacketSizePlusOffset) {
     RecordingEventBase eb;
-    eb.readOffset = 8192;
+    eb.readOffset = 8192;  // plus the default packet size, 4096
     ASSERT_EQ(eb.check_seq_no(ctrl(MARKER_LAST, MSG_POSITION)), 0);
     eb.event_base_process(sv[0], p);
     app::Reply pos = read_reply();
