@@ -44,7 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             write_text(b + s);
         }
         symlink("../../outside", (b + "/card/DCIM/LINKMEDIA").c_str());
-        atexit([] { system(("rm -rf " + std::string(base)).c_str()); });
+        atexit([] { std::filesystem::remove_all(base); });
         korvel::testing_seam::set_sd_root((b + "/card").c_str());
         socketpair(AF_UNIX, SOCK_STREAM, 0, sv);
         std::thread([] {
