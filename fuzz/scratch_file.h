@@ -1,5 +1,4 @@
-// A scratch file for fuzz targets whose readers take a path: one name per process, the
-// input written afresh for each run.
+// A scratch file for fuzz targets whose readers take a path, written afresh for each input.
 #pragma once
 
 #include <unistd.h>
@@ -9,22 +8,14 @@
 #include <cstdlib>
 #include <string>
 
-struct ScratchFile {
-    std::string path;
-    explicit ScratchFile(const char* stem) {
-        const char* dir = getenv("TMPDIR");
-        path = std::string(dir && *dir ? dir : "/tmp") + "/" + stem + "_XXXXXX";
-        int fd = mkstemp(&path[0]);
-        if (fd < 0) {
-            abort();
-        }
-        close(fd);
+// The input in a file named for the target and process; the caller removes it after each
+// input, since libFuzzer may end without running destructors.
+inline std::string scratch_file(const char* stem, const uint8_t* data, size_t size) {
+    static const std::string path = std::string("/tmp/") + stem + "_" + std::to_string(getpid());
+    FILE* f = fopen(path.c_str(), "wb");
+    if (f == nullptr || (size > 0 && fwrite(data, 1, size, f) != size)) {
+        abort();
     }
-    void write(const uint8_t* data, size_t size) const {
-        FILE* f = fopen(path.c_str(), "wb");
-        if (f == nullptr || (size > 0 && fwrite(data, 1, size, f) != size)) {
-            abort();
-        }
-        fclose(f);
-    }
-};
+    fclose(f);
+    return path;
+}

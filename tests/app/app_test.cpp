@@ -13,7 +13,7 @@
 
 #include "app/tool.h"
 #include "core/packet.h"
-#include "support/shell.h"
+#include "support/soak_client.h"
 #include "support/temp_dir.h"
 #include "support/test_server.h"
 
@@ -36,7 +36,7 @@ const char* const SIZE_REPLY =
 
 // The ack word of a control packet enters the checksum reversed, a data payload as it stands;
 // a location longer than its 1024-byte field is cut there and never spills into the words.
-TEST(ClientCodec, EncodesTheWorkedExamplesAndTheConfigurationPayload) {
+TEST(ClientCodec, EncodesTheReferencePacketsAndTheConfigurationPayload) {
     EXPECT_EQ(encode_packet(1, 1, 7, 5, 0x12345, 0, 1000000, hex("80 00 fb 00").data(), 4),
               hex(QUIT_ACK));
     EXPECT_EQ(encode_packet(0, 1, 2, 5, 0x12345, 0, 1000000, hex("00 00 10 00").data(), 4),
@@ -89,29 +89,7 @@ TEST_F(Wired, ReadReplyFlagsCorruptionRefusesImpossibleLengthsAndSeesTheClose) {
 
 using testsupport::exists;
 using testsupport::read_file;
-
-struct ToolRun {
-    int rc = -1;
-    std::string out;  // standard output and error together
-};
-
-ToolRun run_tool(std::vector<std::string> words) {
-    words.insert(words.begin(), "korvel-app");
-    std::vector<char*> argv;
-    for (std::string& w : words) {
-        argv.push_back(&w[0]);
-    }
-    argv.push_back(nullptr);
-    char* buf = nullptr;
-    size_t len = 0;
-    FILE* out = open_memstream(&buf, &len);
-    ToolRun r;
-    r.rc = tool_main(static_cast<int>(words.size()), argv.data(), out, out);
-    fclose(out);
-    r.out.assign(buf, len);
-    free(buf);
-    return r;
-}
+using ToolRun = testsupport::AppRun;
 
 // Deterministic bytes that differ at every position a misplaced packet could land.
 std::string pattern_bytes(size_t n, uint32_t seed) {
@@ -130,10 +108,11 @@ protected:
     }
     void start() { server.reset(new testsupport::TestServer(card, tmp.file("cap.xml"))); }
     ToolRun tool(std::vector<std::string> args) {
-        args.insert(args.begin(), {"--port", std::to_string(server->port())});
-        return run_tool(args);
+        return testsupport::run_app(server->port(), args);
     }
-    bool has(const ToolRun& r, const std::string& text) { return r.out.find(text) != r.out.npos; }
+    bool has(const ToolRun& r, const std::string& text) {
+        return (r.out + r.err).find(text) != std::string::npos;
+    }
     testsupport::TempDir tmp;
     std::string card = tmp.file("SD0"), media = card + "/DCIM/100MEDIA", outDir = tmp.path();
     std::unique_ptr<testsupport::TestServer> server;
@@ -184,6 +163,21 @@ TEST_F(Tool, DownloadsAndResumesWhereverTheServerMapsItsRegion) {
 }
 
 TEST_F(Tool, EachOutcomeHasItsOwnExitCodeAndMessage) {
+    int silent = socket(AF_INET, SOCK_STREAM, 0);  // the kernel accepts, nobody answers
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    ASSERT_EQ(bind(silent, reinterpret_cast<sockaddr*>(&a), len) | listen(silent, 4) |
+                  getsockname(silent, reinterpret_cast<sockaddr*>(&a), &len),
+              0);
+    const std::string silentPort = std::to_string(ntohs(a.sin_port));
+    int closed = socket(AF_INET, SOCK_STREAM, 0);  // bound, never listening: refused
+    a.sin_port = 0;
+    ASSERT_EQ(bind(closed, reinterpret_cast<sockaddr*>(&a), sizeof a) |
+                  getsockname(closed, reinterpret_cast<sockaddr*>(&a), &len),
+              0);
+    const std::string closedPort = std::to_string(ntohs(a.sin_port));
     std::string cap = "<camera_definition/>\n" + std::string(9000, 'x');
     testsupport::write_file(tmp.file("cap.xml"), cap);
     put("IMG_0001.JPG", "not really a jpeg");
@@ -206,12 +200,16 @@ TEST_F(Tool, EachOutcomeHasItsOwnExitCodeAndMessage) {
         {{"pos"}, 0, "position: 4096\n"},
         {{"cap", "-o", outDir + "/c"}, 0, ""},
         {{"frobnicate"}, EXIT_USAGE, "unknown command"},
+        {{"--port", silentPort, "--timeout", "200", "pos"}, EXIT_TIMEOUT, "timed out"},
+        {{"--port", closedPort, "ls"}, EXIT_REFUSED, "connection refused"},
     };
     for (const auto& c : cases) {
         ToolRun r = tool(c.args);
-        EXPECT_EQ(r.rc, c.rc) << c.args[0] << ": " << r.out;
-        EXPECT_TRUE(has(r, c.text)) << c.args[0] << ": " << r.out;
+        EXPECT_EQ(r.rc, c.rc) << c.args[0] << ": " << r.err;
+        EXPECT_TRUE(has(r, c.text)) << c.args[0] << ": " << r.out << r.err;
     }
+    close(silent);
+    close(closed);
     EXPECT_FALSE(exists(outDir + "/100MEDIA-NOPE.JPG"));
     EXPECT_FALSE(exists(media + "/IMG_0001.JPG"));
     EXPECT_TRUE(read_file(outDir + "/c") == cap);
@@ -225,8 +223,8 @@ TEST_F(Tool, DeletingAVideoMidDownloadLeavesItsStreamIntact) {
     Reply r;
     std::string got, held = card + "/DCIM/tmp_delete/V.MP4";
     auto burst = [&](uint32_t off) {
-        ASSERT_EQ(c.ctrl(3, off), CLIENT_OK);
-        for (int i = 0; i < 2 && c.read_reply_of(3, r) == CLIENT_OK; ++i) {
+        ASSERT_EQ(c.ctrl(MSG_CHUNK, off), CLIENT_OK);
+        for (int i = 0; i < 2 && c.read_reply_of(MSG_CHUNK, r) == CLIENT_OK; ++i) {
             got.append(r.payload.begin(), r.payload.end());
         }
     };
@@ -234,27 +232,10 @@ TEST_F(Tool, DeletingAVideoMidDownloadLeavesItsStreamIntact) {
                 c.request_download("100MEDIA-V.MP4") == 0);
     burst(0);
     ASSERT_EQ(c.request_delete(R"({"media":["100MEDIA-V.MP4"]})"), CLIENT_OK);
-    for (int i = 0; i < 500 && (exists(media + "/V.MP4") || exists(held)); ++i) {
-        usleep(10000);
-    }
-    ASSERT_FALSE(exists(media + "/V.MP4") || exists(held));
+    ASSERT_TRUE(
+        testsupport::eventually([&] { return !exists(media + "/V.MP4") && !exists(held); }));
     burst(8192);
     EXPECT_TRUE(got == pattern_bytes(40000, 7).substr(0, 16384)) << got.size();
-}
-
-TEST(ToolConnection, SilentAndRefusedServersExitDistinctly) {
-    int lst = socket(AF_INET, SOCK_STREAM, 0);  // the kernel accepts, nobody answers
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    ASSERT_EQ(bind(lst, reinterpret_cast<sockaddr*>(&a), len) | listen(lst, 4) |
-                  getsockname(lst, reinterpret_cast<sockaddr*>(&a), &len),
-              0);
-    std::string port = std::to_string(ntohs(a.sin_port));
-    EXPECT_EQ(run_tool({"--port", port, "--timeout", "200", "pos"}).rc, EXIT_TIMEOUT);
-    close(lst);
-    EXPECT_EQ(run_tool({"--port", port, "ls"}).rc, EXIT_REFUSED);
 }
 
 using Tap = std::pair<bool, std::vector<uint8_t>>;  // from the app?, the bytes

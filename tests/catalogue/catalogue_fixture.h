@@ -14,15 +14,13 @@
 #include "catalogue/catalogue.h"
 #include "client/event_base.h"
 #include "core/config.h"
-#include "support/media_tree.h"
+#include "core/json_ptr.h"
+#include "support/temp_dir.h"
 
 namespace korvel {
 namespace cataloguetest {
 
-struct JsonFree {
-    void operator()(cJSON* j) const { cJSON_Delete(j); }
-};
-using Json = std::unique_ptr<cJSON, JsonFree>;
+using Json = JsonTree;
 using Names = std::vector<std::string>;
 
 inline std::string str(const cJSON* object, const char* key) {
@@ -30,22 +28,13 @@ inline std::string str(const cJSON* object, const char* key) {
     return cJSON_IsString(item) ? item->valuestring : "<absent>";
 }
 
-// "fileName" of every entry, in order.
-inline Names names(const cJSON* media) {
-    Names n;
-    const cJSON* e = nullptr;
-    cJSON_ArrayForEach(e, media) {
-        n.push_back(str(e, "fileName"));
-    }
-    return n;
-}
-
 class CatalogueTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        testing_seam::set_sd_root(tree.card().c_str());
+        testsupport::make_dirs(location);
+        testing_seam::set_sd_root(card.c_str());
         ev.reset(new CEventBase());
-        use_location(tree.location(), 0, 0);
+        use_location(location, 0, 0);
     }
     // As a configuration sets it, plus the copy a scan run directly works from.
     void use_location(const std::string& loc, uint8_t userDef, int32_t id) {
@@ -63,8 +52,23 @@ protected:
         media.reset(cJSON_CreateArray());
         return ev->json_look_from_dir(media.get());
     }
+    std::string in(const std::string& dir, const std::string& name) const {
+        return location + "/" + dir + "/" + name;
+    }
+    // location/dir/name holding `size` zero bytes.
+    std::string add(const std::string& dir, const std::string& name, size_t size = 0) const {
+        testsupport::make_dirs(location + "/" + dir);
+        testsupport::write_file(in(dir, name), std::string(size, '\0'));
+        return in(dir, name);
+    }
+    void add_all(const std::string& dir, const Names& names) const {
+        for (const std::string& n : names) {
+            add(dir, n);
+        }
+    }
 
-    testsupport::MediaTree tree;
+    testsupport::TempDir tmp;
+    std::string card = tmp.file("card"), location = card + "/DCIM";
     std::unique_ptr<CEventBase> ev;
     Json media;
 };

@@ -29,7 +29,7 @@ protected:
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
         serverFd = sv[0];
         app.adopt_fd(sv[1]);
-        tree.add_files("100MEDIA", {"IMG_0001.JPG", "IMG_0001.thm", "VID_0002.MP4"});
+        add_all("100MEDIA", {"IMG_0001.JPG", "IMG_0001.thm", "VID_0002.MP4"});
     }
     void TearDown() override { close(serverFd); }
     // One catalogue task as the worker runs it; payloads checked against the cached text.
@@ -90,7 +90,7 @@ TEST_F(DeliveryTest, TheFirstCatalogueIsCached) {
     request(1, CATALOGUE_JPG, 0);
     EXPECT_EQ(ev->catalogueType, CATALOGUE_JPG);
     const std::string first = ev->catalogueText;
-    tree.add_files("101MEDIA", {"NEW.JPG"});
+    add("101MEDIA", "NEW.JPG");
     EXPECT_THAT(request(1, CATALOGUE_MP4, 0), ElementsAreArray({Seen{1, 0, first.size()}}));
     EXPECT_EQ(ev->catalogueText, first);
     EXPECT_EQ(first.find("VID_0002"), std::string::npos);
@@ -99,10 +99,10 @@ TEST_F(DeliveryTest, TheFirstCatalogueIsCached) {
 TEST_F(DeliveryTest, NothingToSendGetsNoReplyAndAMissingRootAnEmptyCatalogue) {
     EXPECT_TRUE(request(0, CATALOGUE_ALL, 0).empty());  // continuation, nothing cached
     EXPECT_EQ(ev->catalogueJson, nullptr);
-    use_location(tree.card() + "/NOPE", 0, 0);
+    use_location(card + "/NOPE", 0, 0);
     ASSERT_EQ(request(1, CATALOGUE_ALL, 0).size(), 1u);
     Json parsed(cJSON_Parse(ev->catalogueText.c_str()));
-    EXPECT_EQ(str(parsed.get(), "rootdir"), tree.card() + "/NOPE");
+    EXPECT_EQ(str(parsed.get(), "rootdir"), card + "/NOPE");
     EXPECT_EQ(cJSON_GetArraySize(cJSON_GetObjectItem(parsed.get(), "media")), 0);
     EXPECT_TRUE(request(0, CATALOGUE_ALL, ev->catalogueLen).empty());
     EXPECT_TRUE(request(1, CATALOGUE_ALL, 0xFFFFFFFFu).empty());

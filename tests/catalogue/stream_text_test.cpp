@@ -27,7 +27,7 @@ TEST_F(CatalogueTest, StreamedTextIsThePrintOfTheWholeTree) {
     std::mt19937 rng(20261125);
     for (int round = 0; round < 40; ++round) {
         // Rounds 0 and 1 hold no and one entry; the location itself needs escaping.
-        const std::string loc = tree.location() + "/r\"" + std::to_string(round) + "\t";
+        const std::string loc = location + "/r\"" + std::to_string(round) + "\t";
         const int files = round < 2 ? round : static_cast<int>(rng() % 60);
         const int dirs = 1 + static_cast<int>(rng() % 3);
         for (int i = 0; i < files; ++i) {
@@ -65,7 +65,7 @@ TEST_F(CatalogueTest, StreamedTextIsThePrintOfTheWholeTree) {
 // Paging reads the one cached text without touching it; it goes when the event base goes.
 TEST_F(CatalogueTest, CachedTextSurvivesPagingAndGoesWithTheEventBase) {
     for (int i = 0; i < 300; ++i) {
-        tree.add_files("100MEDIA", {"IMG_" + std::to_string(i) + ".JPG"});
+        add_all("100MEDIA", {"IMG_" + std::to_string(i) + ".JPG"});
     }
     int sv[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);

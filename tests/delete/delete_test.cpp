@@ -1,11 +1,10 @@
 // The delete request as the worker runs it (replies over a socketpair, queued paths in a
 // deleter never started, trace lines from standard output), then the deleter thread alone.
+// A holding directory that cannot be made is a fault test (a full card).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/fsuid.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -118,28 +117,13 @@ TEST_F(DeleteRequestTest, CompanionsFollowTheirPhotoOrVideoAndOtherNamesAreSkipp
 
 TEST_F(DeleteRequestTest, PayloadsWithoutAMediaArrayGetOnlyTheFirstReply) {
     put_media({"IMG.JPG"});
-    for (const char* payload : {"not json", R"({"other":["100MEDIA-IMG.JPG"]})",
+    for (std::string payload : {"not json", R"({"other":["100MEDIA-IMG.JPG"]})",
                                 R"({"media":"100MEDIA-IMG.JPG"})", R"({"media":[]})"}) {
         EXPECT_THAT(run(payload), ElementsAre(ACK_DONE)) << payload;
         // Only a "media" array, even an empty one, gets as far as timing.
-        EXPECT_EQ(count_of(out, "cost time"), payload == std::string(R"({"media":[]})")) << out;
+        EXPECT_EQ(count_of(out, "cost time"), payload == R"({"media":[]})") << out;
     }
     EXPECT_TRUE(exists(in_media("IMG.JPG")));
-}
-
-TEST_F(DeleteRequestTest, UncreatableHoldingDirGivesBadLocationAndUnlinksAtOnce) {
-    put_media({"VID.MP4", "VID.2nd", "VID.THM", "VID.thm"});
-    ASSERT_EQ(chmod(tmp.path().c_str(), 0755) | chmod(card.c_str(), 0755) |
-                  chmod(media.c_str(), 0777) | chmod(dcim.c_str(), 0555),
-              0);
-    setfsuid(65534);  // root ignores directory modes; fsuid is per thread
-    auto acks = run(R"({"media":["100MEDIA-VID.MP4"]})");
-    setfsuid(geteuid());
-    EXPECT_THAT(acks, ElementsAre(ACK_DONE, ACK_BAD_LOCATION));
-    EXPECT_EQ(entries_in(media), 0u);
-    EXPECT_FALSE(exists(dcim + "/tmp_delete"));
-    EXPECT_THAT(queued.pendingNames, IsEmpty());
-    EXPECT_EQ(count_of(out, "mkdir tmp_delete failed: Permission denied"), 10u) << out;
 }
 
 TEST_F(DeleteRequestTest, NothingOffTheLocationIsRenamedOrUnlinked) {
@@ -181,10 +165,7 @@ TEST(Deleter, PassesOverMissingAndEmptyPathsAndStopsEvenRightAfterStart) {
         d.queue_path("");  // a wake-up text: removes nothing and must not end the thread
         d.queue_path(dir.file("V.MP4"));
         d.start();
-        for (int i = 0; i < 1000 && exists(dir.file("V.MP4")); ++i) {
-            usleep(10000);
-        }
-        EXPECT_FALSE(exists(dir.file("V.MP4")));
+        EXPECT_TRUE(testsupport::eventually([&] { return !exists(dir.file("V.MP4")); }));
     }
     for (int i = 0; i < 200; ++i) {  // the thread may not run yet; join() must still return
         DWF_DELHandler d;

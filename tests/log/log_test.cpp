@@ -12,22 +12,11 @@
 namespace korvel {
 namespace {
 
-class LogSwitch : public testing::Test {
-protected:
+// Each row replaces (or removes) the file and traces at once: a change takes effect at the
+// next call.
+TEST(LogSwitch, FileDecidesWhatIsPrintedAtEveryCall) {
     testsupport::TempDir card;
-    void SetUp() override { testing_seam::set_sd_root(card.path().c_str()); }
-    void TearDown() override { testing_seam::set_sd_root(nullptr); }
-    void set_switch(const std::string& text) {
-        testsupport::write_file(card.file("krv_log.conf"), text);
-    }
-    static std::string trace(int level, const char* text) {
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(log_print(level, "%s", text), 0);
-        return testing::internal::GetCapturedStdout();
-    }
-};
-
-TEST_F(LogSwitch, FileDecidesWhatIsPrinted) {
+    testing_seam::set_sd_root(card.path().c_str());
     struct Case {
         const char* content;  // nullptr: no file
         int level;
@@ -35,44 +24,35 @@ TEST_F(LogSwitch, FileDecidesWhatIsPrinted) {
     } cases[] = {
         {nullptr, 1, false}, {"1,0\n", 1, true},  {"1,-5\n", 1, true}, {"1,1\n", 1, false},
         {"1,1\n", 3, true},  {"0,0\n", 1, false}, {"abc\n", 1, false}, {"2,0\n", 1, false},
+        {"1,0\n", 1, true},  {nullptr, 1, false},
     };
     for (const Case& c : cases) {
         testsupport::remove_tree(card.file("krv_log.conf"));
         if (c.content != nullptr) {
-            set_switch(c.content);
+            testsupport::write_file(card.file("krv_log.conf"), c.content);
         }
-        EXPECT_EQ(trace(c.level, "line\n"), c.printed ? "line\n" : "")
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(log_print(c.level, "%s", "line\n"), 0);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), c.printed ? "line\n" : "")
             << (c.content ? c.content : "(none)") << " level " << c.level;
     }
+    testing_seam::set_sd_root(nullptr);
 }
 
-TEST_F(LogSwitch, CreatingAndRemovingTheFileTakesEffectAtTheNextCall) {
-    EXPECT_EQ(trace(1, "a"), "");
-    set_switch("1,0\n");
-    EXPECT_EQ(trace(1, "b"), "b");
-    testsupport::remove_tree(card.file("krv_log.conf"));
-    EXPECT_EQ(trace(1, "c"), "");
-}
-
-TEST(LogWarn, TagSignatureAndErrnoSuffix) {
+// The errno text is appended only while the message leaves room for it.
+TEST(LogWarn, TagSignatureErrnoSuffixAndTheLimitOf1023Characters) {
     testing::internal::CaptureStderr();
     errno = ENOENT;
     log_warn("[WARN],%sset socket nonblock error!\n", "int32_t f(int)");
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "[Quillmere-warn] [WARN],int32_t f(int)set socket nonblock error!\n: No such file "
               "or directory\n");
-}
-
-// The errno text is appended only while the message leaves room for it.
-TEST(LogWarn, LongTextsLoseTheSuffixAndStayWithin1023Characters) {
     for (size_t len : {1020u, 1021u, 3000u}) {
-        std::string text(len, 'x');
         testing::internal::CaptureStderr();
         errno = EPERM;
-        log_warn("%s", text.c_str());
+        log_warn("%s", std::string(len, 'x').c_str());
         std::string out = testing::internal::GetCapturedStderr();
-        std::string prefix = "[Quillmere-warn] ";
-        std::string body = out.substr(prefix.size(), out.size() - prefix.size() - 1);
+        std::string body = out.substr(17, out.size() - 18);  // without the tag and the newline
         if (len == 1020) {
             EXPECT_EQ(body.substr(1020, 2), ": ");
             EXPECT_LE(body.size(), 1023u);

@@ -8,7 +8,6 @@
 
 #include "media/exif.h"
 #include "media/mp4.h"
-#include "support/shell.h"
 #include "support/temp_dir.h"
 
 namespace korvel {
@@ -56,32 +55,32 @@ TEST(Tools, ExiftoolFactsAndThumbnailMatchOurs) {
 }
 
 // 25 fps, 2 s, an odd size so width and height cannot be swapped unnoticed, and an audio
-// track that must not disturb the video facts.
+// track that must not disturb the video facts. Ours: bit rate, frame rate, codec, duration,
+// width, height; ffprobe's: width, height, duration.
 TEST(Tools, ClipFactsMatchFfprobe) {
     ASSERT_TRUE(on_path("ffmpeg") && on_path("ffprobe")) << "run scripts/deps.sh";
     TempDir tmp;
-    const char* clips[][3] = {
-        {"h264.mp4", "libx264", "H264"},
-        {"h264.mov", "libx264", "H264"},
-        {"mpeg4.mp4", "mpeg4", "MPEG-4 "},
-    };
-    for (const auto& c : clips) {
-        std::string path = tmp.file(c[0]);
+    const char* clips[][3] = {{"h264.mp4", "libx264", "H264"},
+                              {"h264.mov", "libx264", "H264"},
+                              {"mpeg4.mp4", "mpeg4", "MPEG-4 "}};
+    for (const auto& [file, encoder, codec] : clips) {
+        std::string path = "'" + tmp.file(file) + "'";
         run("ffmpeg -v error -f lavfi -i testsrc=size=352x208:rate=25:duration=2 -f lavfi -i "
             "sine=duration=2 -pix_fmt yuv420p -c:a aac -shortest -c:v " +
-            std::string(c[1]) + " '" + path + "' 2>&1");
+            std::string(encoder) + " " + path + " 2>&1");
         Lines p =
             run("ffprobe -v error -select_streams v:0 -show_entries stream=width,height,"
-                "duration -of default=nw=1:nk=1 '" +
-                path + "'");
-        ASSERT_EQ(p.size(), 3u) << c[0];
+                "duration -of default=nw=1:nk=1 " +
+                path);
         char f[6][16] = {};
-        ASSERT_EQ(mp4_read_video_info(f[0], f[1], f[2], f[3], f[4], f[5], path.c_str()), 0);
-        EXPECT_EQ(Lines({f[4], f[5]}), Lines({p[0], p[1]})) << c[0];
-        EXPECT_NEAR(std::atof(f[3]), std::atof(p[2].c_str()), 1.0 / 25) << c[0];
-        EXPECT_NEAR(std::atof(f[1]), 25.0, 0.5) << c[0];
-        EXPECT_EQ(std::string(f[2]).rfind(c[2], 0), 0u) << c[0] << " codec " << f[2];
-        EXPECT_GT(std::atoi(f[0]), 0) << c[0];
+        ASSERT_EQ(mp4_read_video_info(f[0], f[1], f[2], f[3], f[4], f[5], tmp.file(file).c_str()),
+                  0);
+        ASSERT_EQ(p.size(), 3u) << file;
+        EXPECT_EQ(Lines({f[4], f[5]}), Lines({p[0], p[1]})) << file;
+        EXPECT_NEAR(std::atof(f[3]), std::atof(p[2].c_str()), 1.0 / 25) << file;
+        EXPECT_NEAR(std::atof(f[1]), 25.0, 0.5) << file;
+        EXPECT_EQ(std::string(f[2]).rfind(codec, 0), 0u) << file << " codec " << f[2];
+        EXPECT_GT(std::atoi(f[0]), 0) << file;
     }
 }
 

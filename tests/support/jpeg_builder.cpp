@@ -111,24 +111,12 @@ ExifEntry exif_ascii(uint16_t tag, const std::string& text) {
     return e;
 }
 
-ExifEntry exif_short(uint16_t tag, uint16_t value) {
-    return exif_number(tag, EXIF_SHORT, value);
-}
-
-ExifEntry exif_long(uint16_t tag, uint32_t value) {
-    return exif_number(tag, EXIF_LONG, value);
-}
-
 ExifEntry exif_raw(uint16_t tag, uint16_t type, uint32_t count, uint32_t field) {
     ExifEntry e = exif_number(tag, type, 0);
     e.count = count;
     e.rawField = true;
     e.field = field;
     return e;
-}
-
-std::string exif_app1(const JpegPlan& photo) {
-    return segment(0xE1, std::string("Exif\0\0", 6) + exif_tiff(photo));
 }
 
 std::string jpeg_file(const JpegPlan& photo) {
@@ -139,7 +127,7 @@ std::string jpeg_file(const JpegPlan& photo) {
         out += segment(0xE0, jfif);
     }
     if (photo.withApp1) {
-        out += exif_app1(photo);
+        out += segment(0xE1, std::string("Exif\0\0", 6) + exif_tiff(photo));
     }
     return out + (photo.body.empty() ? small_jpeg().substr(2) : photo.body);
 }

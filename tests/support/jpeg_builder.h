@@ -47,11 +47,15 @@ struct ExifEntry {
     uint32_t field = 0;
 };
 
-ExifEntry exif_ascii(uint16_t tag, const std::string& text);  // count includes the NUL
-ExifEntry exif_short(uint16_t tag, uint16_t value);
-ExifEntry exif_long(uint16_t tag, uint32_t value);
+ExifEntry exif_ascii(uint16_t tag, const std::string& text);         // count includes the NUL
 ExifEntry exif_number(uint16_t tag, uint16_t type, uint32_t value);  // any one-value type
 ExifEntry exif_raw(uint16_t tag, uint16_t type, uint32_t count, uint32_t field);
+inline ExifEntry exif_short(uint16_t tag, uint16_t v) {
+    return exif_number(tag, EXIF_SHORT, v);
+}
+inline ExifEntry exif_long(uint16_t tag, uint32_t v) {
+    return exif_number(tag, EXIF_LONG, v);
+}
 
 struct JpegPlan {
     bool bigEndian = false;  // MM instead of II
@@ -66,7 +70,6 @@ struct JpegPlan {
     std::string body;  // after APP1; empty means small_jpeg() without its SOI
 };
 
-std::string exif_app1(const JpegPlan& photo);  // FF E1, length, "Exif\0\0", TIFF
 std::string jpeg_file(const JpegPlan& photo);  // SOI, APP0?, APP1?, body
 
 // Byte positions in jpeg_file(photo): the APP1 marker and TIFF offset 0.

@@ -1,6 +1,8 @@
-// A temporary directory for one test, removed with everything in it at the end.
+// A temporary directory for one test, removed with everything in it at the end, and the
+// file and process helpers the tests share.
 #pragma once
 
+#include <functional>
 #include <string>
 
 namespace korvel {
@@ -25,6 +27,12 @@ void write_file(const std::string& path, const std::string& bytes);
 std::string read_file(const std::string& path);
 bool exists(const std::string& path);
 void remove_tree(const std::string& path);
+// Runs `cmd` through the shell (the Debian tools some tests compare against); its standard
+// output, with the exit status as pclose reports it in *status.
+std::string run_command(const std::string& cmd, int* status = nullptr);
+bool on_path(const char* tool);
+// Polls `condition` until it holds or `ms` have passed; whether it held.
+bool eventually(const std::function<bool()>& condition, int ms = 10000);
 
 }  // namespace testsupport
 }  // namespace korvel

@@ -3,13 +3,14 @@
 // full card during a delete, and an app that stops reading. Each one ends in a reply code
 // or a closed connection, and a well-behaved app is served afterwards.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -17,7 +18,7 @@
 #include <string>
 #include <thread>
 
-#include "app/client.h"
+#include "app/tool.h"
 #include "core/packet.h"
 #include "support/soak_client.h"
 #include "support/temp_dir.h"
@@ -26,11 +27,8 @@
 namespace korvel {
 namespace {
 
-using testsupport::Fetched;
-using testsupport::Outcome;
-using testsupport::SessionParams;
 using Clock = std::chrono::steady_clock;
-
+using testsupport::run_app;
 constexpr int TIMEOUT_MS = 5000;
 
 std::string pattern(size_t n, uint32_t seed) {
@@ -40,14 +38,6 @@ std::string pattern(size_t n, uint32_t seed) {
         ch = static_cast<char>(rng());
     }
     return s;
-}
-
-SessionParams params(uint16_t packsize, uint16_t blocks) {
-    SessionParams p;
-    p.packsize = packsize;
-    p.blocks = blocks;
-    p.timeoutMs = TIMEOUT_MS;
-    return p;
 }
 
 class Fault : public testing::Test {
@@ -61,17 +51,15 @@ protected:
     void start() { server.reset(new testsupport::TestServer(root, tmp.file("cap.xml"))); }
     void TearDown() override { server.reset(); }
 
-    void connect(app::Client& c) {
-        c.peerID = nextPeer++;
-        ASSERT_EQ(c.connect_to("127.0.0.1", server->port(), TIMEOUT_MS), app::CLIENT_OK);
-    }
-    // A connection whose receive window is fixed at `window` bytes (set before connecting,
-    // so the kernel does not grow it): what the server can queue stays well below a burst.
-    void connect_narrow(app::Client& c, int window) {
+    // With `window`, the receive buffer is fixed before connecting, so the kernel does not
+    // grow it: what the server can queue stays well below a burst.
+    void connect(app::Client& c, int window = 0) {
         c.peerID = nextPeer++;
         int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         ASSERT_GE(fd, 0);
-        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &window, sizeof window);
+        if (window > 0) {
+            setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &window, sizeof window);
+        }
         sockaddr_in sa{};
         sa.sin_family = AF_INET;
         sa.sin_port = htons(server->port());
@@ -84,17 +72,28 @@ protected:
         testsupport::write_file(media + "/" + name, bytes);
         return media + "/" + name;
     }
+    static void configure(app::Client& c, uint16_t packsize, uint16_t blocks) {
+        app::Reply r;
+        ASSERT_EQ(c.configure(packsize, blocks), app::CLIENT_OK);
+        ASSERT_EQ(c.read_reply_of(MSG_CONFIG, r, TIMEOUT_MS), app::CLIENT_OK);
+        ASSERT_EQ(r.ackCode, ACK_DONE);
+    }
     // A configured session with `name` opened for download; its size.
-    uint32_t open_download(app::Client& c, const std::string& name, const SessionParams& p) {
-        EXPECT_EQ(testsupport::configure_session(c, p), static_cast<int>(ACK_DONE));
-        Fetched f;
-        uint32_t size = 0;
-        EXPECT_TRUE(testsupport::request_size(c, name, p, f, size)) << f.why;
-        return size;
+    static uint32_t open_download(app::Client& c, const std::string& name, uint16_t packsize,
+                                  uint16_t blocks) {
+        configure(c, packsize, blocks);
+        app::Reply r;
+        EXPECT_EQ(c.request_download(name), app::CLIENT_OK);
+        EXPECT_EQ(c.read_reply_of(MSG_DOWNLOAD, r, TIMEOUT_MS), app::CLIENT_OK);
+        const std::vector<uint8_t>& b = r.payload;
+        EXPECT_EQ(b.size(), 4u);
+        return b.size() == 4 ? b[0] | b[1] << 8 | b[2] << 16 | uint32_t(b[3]) << 24 : 0;
     }
     // After the fault: a fresh app is served, and gets `name` when the card still has it.
     void clean_app_is_served(const std::string& name = "", const std::string& bytes = "") {
-        EXPECT_EQ(testsupport::clean_session(server->port(), nextPeer++, 0, name, bytes), "");
+        EXPECT_EQ(testsupport::clean_session(server->port(), nextPeer, 0, tmp.path(), name, bytes),
+                  "");
+        nextPeer += 2;
     }
 };
 
@@ -105,28 +104,30 @@ TEST_F(Fault, CardRemovedBetweenCataloguePagesStillDeliversTheBuiltCatalogue) {
     start();
     app::Client c;
     connect(c);
-    SessionParams p = params(1024, 2);
-    ASSERT_EQ(testsupport::configure_session(c, p), static_cast<int>(ACK_DONE));
-    ASSERT_EQ(c.request_catalogue(1, 0, 1), app::CLIENT_OK);
+    configure(c, 1024, 2);
     std::string text;
     bool last = false;
-    Fetched f;
-    ASSERT_TRUE(testsupport::read_document_burst(c, 0, p, text, last, f)) << f.why;
+    auto page = [&](uint8_t marker) {
+        ASSERT_EQ(c.request_catalogue(1, uint32_t(text.size()), marker), app::CLIENT_OK);
+        for (int n = 0; n < 2 && !last; ++n) {
+            app::Reply r;
+            ASSERT_EQ(c.read_reply_of(MSG_CATALOGUE, r, TIMEOUT_MS), app::CLIENT_OK);
+            ASSERT_EQ(r.offset, text.size());
+            text.append(r.payload.begin(), r.payload.end());
+            last = r.marker == MARKER_LAST || r.marker == MARKER_CONT_LAST;
+        }
+    };
+    page(MARKER_LAST);
     ASSERT_FALSE(last);
-
     testsupport::remove_tree(root);
-    for (int pages = 0; !last && pages < 1000; ++pages) {
-        ASSERT_EQ(c.request_catalogue(1, static_cast<uint32_t>(text.size()), 0), app::CLIENT_OK);
-        ASSERT_TRUE(testsupport::read_document_burst(c, 0, p, text, last, f)) << f.why;
+    for (int pages = 0; !last && pages < 1000 && !HasFatalFailure(); ++pages) {
+        page(MARKER_MORE);
     }
     EXPECT_EQ(testsupport::catalogue_entries(text), 300);
-
     // The next catalogue is built afresh and finds no card.
-    ASSERT_TRUE(testsupport::end_session(c, false, TIMEOUT_MS));
-    Fetched again = testsupport::fetch_catalogue(c, 1, p);
-    ASSERT_EQ(again.outcome, Outcome::Done) << again.why;
-    EXPECT_EQ(testsupport::catalogue_entries(again.bytes), 0);
-    clean_app_is_served();
+    testsupport::AppRun again = run_app(server->port(), {"ls", "--json"});
+    EXPECT_EQ(again.rc, 0) << again.err;
+    EXPECT_EQ(testsupport::catalogue_entries(again.out), 0);
 }
 
 TEST_F(Fault, CardRemovedDuringTheWalkGivesAWholeCatalogueOfWhatWasLeft) {
@@ -138,16 +139,12 @@ TEST_F(Fault, CardRemovedDuringTheWalkGivesAWholeCatalogueOfWhatWasLeft) {
         }
     }
     start();
-    app::Client c;
-    connect(c);
-    SessionParams p = params(65535, 4);
-    ASSERT_EQ(testsupport::configure_session(c, p), static_cast<int>(ACK_DONE));
     std::thread pull([&] { testsupport::remove_tree(root); });
-    Fetched cat = testsupport::fetch_catalogue(c, 1, p);
+    testsupport::AppRun cat = run_app(server->port(), {"--packsize", "65535", "ls", "--json"});
     pull.join();
     // Whatever the walk still saw, the text is whole and well formed.
-    ASSERT_EQ(cat.outcome, Outcome::Done) << cat.why;
-    int entries = testsupport::catalogue_entries(cat.bytes);
+    ASSERT_EQ(cat.rc, 0) << cat.err;
+    int entries = testsupport::catalogue_entries(cat.out);
     EXPECT_GE(entries, 0);
     EXPECT_LE(entries, 4000);
     clean_app_is_served();
@@ -159,20 +156,16 @@ TEST_F(Fault, CardRemovedMidDownloadStillDeliversTheOpenFile) {
     start();
     app::Client c;
     connect(c);
-    SessionParams p = params(4096, 16);
-    uint32_t size = open_download(c, "100MEDIA-VID_0001.MP4", p);
-    ASSERT_EQ(size, bytes.size());
-
+    ASSERT_EQ(open_download(c, "100MEDIA-VID_0001.MP4", 4096, 16), bytes.size());
     // The open descriptor keeps the file's pages, so later regions still map them.
     testsupport::remove_tree(root);
     std::string got;
-    const size_t burst = 4096 * 16;
-    for (int requests = 0; got.size() < size && requests < 1000; ++requests) {
-        ASSERT_EQ(c.ctrl(3, static_cast<uint32_t>(got.size())), app::CLIENT_OK);
-        size_t until = got.size() + std::min(burst, size - got.size());
+    for (int requests = 0; got.size() < bytes.size() && requests < 1000; ++requests) {
+        ASSERT_EQ(c.ctrl(MSG_CHUNK, uint32_t(got.size())), app::CLIENT_OK);
+        size_t until = std::min(got.size() + 4096 * 16, bytes.size());
         while (got.size() < until) {
             app::Reply r;
-            ASSERT_EQ(c.read_reply_of(3, r, TIMEOUT_MS), app::CLIENT_OK);
+            ASSERT_EQ(c.read_reply_of(MSG_CHUNK, r, TIMEOUT_MS), app::CLIENT_OK);
             ASSERT_EQ(r.reqType, 0u) << "ack 0x" << std::hex << r.ackCode;
             got.append(r.payload.begin(), r.payload.end());
         }
@@ -188,22 +181,23 @@ TEST_F(Fault, FileShrunkDuringABurstEndsTheBurstAndTheServerGoesOn) {
     std::string path = add("VID_0003.MP4", bytes);
     start();
     app::Client c;
-    connect_narrow(c, 256 << 10);
-    SessionParams p = params(65535, 320);
-    ASSERT_EQ(open_download(c, "100MEDIA-VID_0003.MP4", p), bytes.size());
-    ASSERT_EQ(c.ctrl(3, 0), app::CLIENT_OK);
-    app::Reply r;
-    ASSERT_EQ(c.read_reply_of(3, r, TIMEOUT_MS), app::CLIENT_OK);
-    ASSERT_EQ(r.reqType, 0u);
-    usleep(300000);  // the server fills the window and waits
+    connect(c, 256 << 10);
+    ASSERT_EQ(open_download(c, "100MEDIA-VID_0003.MP4", 65535, 320), bytes.size());
+    ASSERT_EQ(c.ctrl(MSG_CHUNK, 0), app::CLIENT_OK);
+    // The server has filled the window and waits on it when more than a packet is queued.
+    EXPECT_TRUE(testsupport::eventually([&] {
+        int queued = 0;
+        return ioctl(c.fd(), FIONREAD, &queued) == 0 && queued > 65535 + 24;
+    }));
     ASSERT_EQ(truncate(path.c_str(), 0), 0);
 
     // Packets already sent still arrive. Then either the packet whose pages are gone is
     // refused with 0xFB06, or the kernel failed the write halfway through a packet, and a
     // connection left inside a packet is closed.
-    uint64_t received = r.payload.size();
+    uint64_t received = 0;
     for (;;) {
-        int rr = c.read_reply_of(3, r, TIMEOUT_MS);
+        app::Reply r;
+        int rr = c.read_reply_of(MSG_CHUNK, r, TIMEOUT_MS);
         if (rr == app::CLIENT_CLOSED) {
             break;
         }
@@ -231,35 +225,20 @@ TEST_F(Fault, FullCardDuringADeleteUnlinksDirectly) {
     } unmount{root};
     add("VID_0001.MP4", "video");
     add("VID_0001.2nd", "second");
-    // Fill every inode the card has left.
-    int fillers = 0;
-    for (; fillers < 64; ++fillers) {
-        std::string p = root + "/fill" + std::to_string(fillers);
-        FILE* fp = fopen(p.c_str(), "w");
-        if (fp == nullptr) {
-            break;
-        }
-        fclose(fp);
+    int fillers = 0;  // every inode the card has left
+    while (fillers < 64 && close(open((root + "/fill" + std::to_string(fillers)).c_str(),
+                                      O_CREAT | O_WRONLY, 0644)) == 0) {
+        ++fillers;
     }
     ASSERT_LT(fillers, 64) << "the card never filled up";
     start();
-    app::Client c;
-    connect(c);
-    ASSERT_EQ(testsupport::configure_session(c, params(4096, 4)), static_cast<int>(ACK_DONE));
-    ASSERT_EQ(c.request_delete("{\"media\":[\"100MEDIA-VID_0001.MP4\"]}"), app::CLIENT_OK);
-    uint32_t codes[2] = {};
-    for (uint32_t& code : codes) {
-        app::Reply r;
-        ASSERT_EQ(c.read_reply_of(1, r, TIMEOUT_MS), app::CLIENT_OK);
-        code = r.ackCode;
-    }
-    EXPECT_EQ(codes[0], ACK_DONE);
-    EXPECT_EQ(codes[1], ACK_BAD_LOCATION);
-    for (int i = 0; i < 500 && testsupport::exists(media + "/VID_0001.2nd"); ++i) {
-        usleep(10000);  // the unlinks follow the reply
-    }
+    testsupport::AppRun rm = run_app(server->port(), {"rm", "100MEDIA-VID_0001.MP4"});
+    EXPECT_EQ(rm.rc, app::EXIT_BAD_LOCATION);
+    EXPECT_EQ(rm.out, "ack: done (0xFB00)\nack: bad location (0xFB10)\n");
+    // The unlinks follow the reply.
+    EXPECT_TRUE(
+        testsupport::eventually([&] { return !testsupport::exists(media + "/VID_0001.2nd"); }));
     EXPECT_FALSE(testsupport::exists(media + "/VID_0001.MP4"));
-    EXPECT_FALSE(testsupport::exists(media + "/VID_0001.2nd"));
     EXPECT_TRUE(testsupport::exists(root + "/fill0"));
     clean_app_is_served();
     server.reset();  // before the card is unmounted
@@ -269,18 +248,15 @@ TEST_F(Fault, FullCardDuringADeleteUnlinksDirectly) {
 // gives up after the write stall limit and the connection is closed, while other apps are
 // served meanwhile.
 TEST_F(Fault, AppThatNeverReadsIsDroppedAndOthersAreServed) {
-    std::string bytes = pattern(16 << 20, 4);
+    std::string bytes = pattern(16 << 20, 4), photo = pattern(200000, 5);
     add("VID_0004.MP4", bytes);
-    std::string photo = pattern(200000, 5);
     add("IMG_0001.JPG", photo);
     start();
     const int baseFds = testsupport::open_fd_count();
-
     app::Client stalled;
-    connect_narrow(stalled, 256 << 10);
-    SessionParams big = params(65535, 256);
-    ASSERT_EQ(open_download(stalled, "100MEDIA-VID_0004.MP4", big), bytes.size());
-    ASSERT_EQ(stalled.ctrl(3, 0), app::CLIENT_OK);
+    connect(stalled, 256 << 10);
+    ASSERT_EQ(open_download(stalled, "100MEDIA-VID_0004.MP4", 65535, 256), bytes.size());
+    ASSERT_EQ(stalled.ctrl(MSG_CHUNK, 0), app::CLIENT_OK);
     Clock::time_point stalledAt = Clock::now();
 
     // Served while the stalled stream is blocked on its full socket.
@@ -288,8 +264,10 @@ TEST_F(Fault, AppThatNeverReadsIsDroppedAndOthersAreServed) {
     EXPECT_LT(Clock::now() - stalledAt, std::chrono::seconds(5))
         << "the other app waited for the stalled one";
 
-    // Past the stall limit, drain: what was queued arrives, then the server's end closes.
-    std::this_thread::sleep_until(stalledAt + std::chrono::seconds(6));
+    // The server closes its end past the stall limit; then what was queued still arrives,
+    // followed by the close.
+    EXPECT_EQ(testsupport::fds_settle_to(baseFds + 1), baseFds + 1);
+    EXPECT_GE(Clock::now() - stalledAt, std::chrono::seconds(5));
     uint64_t received = 0;
     int rr = app::CLIENT_OK;
     while (rr == app::CLIENT_OK) {
@@ -299,15 +277,8 @@ TEST_F(Fault, AppThatNeverReadsIsDroppedAndOthersAreServed) {
     }
     EXPECT_EQ(rr, app::CLIENT_CLOSED);
     EXPECT_LT(received, bytes.size());
-    EXPECT_GE(Clock::now() - stalledAt, std::chrono::seconds(5));
     stalled.close_connection();
-
-    int fds = testsupport::open_fd_count();
-    for (int i = 0; i < 100 && fds > baseFds; ++i) {
-        usleep(50000);
-        fds = testsupport::open_fd_count();
-    }
-    EXPECT_LE(fds, baseFds) << "the dropped app's descriptors are still open";
+    EXPECT_EQ(testsupport::fds_settle_to(baseFds), baseFds) << "descriptors left open";
 }
 
 }  // namespace

@@ -9,9 +9,11 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "app/client.h"
 #include "core/card_fs.h"
+#include "core/byte_order.h"
 #include "core/packet.h"
 #include "delete/deleter.h"
 #include "media/mp4_reader.h"
@@ -37,14 +39,13 @@ protected:
     std::string clip = mp4_file(moov(trak({})));
     std::unique_ptr<TestServer> server;
     app::Client c;
-    SessionParams p;
     uint32_t peer = 0x52000001;
+    static constexpr int kWaitMs = 3000;  // every request is answered well within this
 
     void SetUp() override {
         make_dirs(media);
         make_dirs(outside);
         write_file(media + "/GOOD.JPG", good);
-        p.timeoutMs = 3000;  // every request is answered well within this, or the test fails
     }
     void TearDown() override {
         testing_seam::force_component_walk(false);
@@ -54,27 +55,38 @@ protected:
     void start() {
         server.reset(new TestServer(root, tmp.file("cap.xml")));
         c.peerID = peer++;
-        ASSERT_EQ(c.connect_to("127.0.0.1", server->port(), p.timeoutMs), app::CLIENT_OK);
-        ASSERT_EQ(configure_session(c, p), int(ACK_DONE));
+        ASSERT_EQ(c.connect_to("127.0.0.1", server->port(), kWaitMs), app::CLIENT_OK);
+        app::Reply r;
+        ASSERT_EQ(c.configure(4096, 16), app::CLIENT_OK);
+        ASSERT_EQ(c.read_reply_of(MSG_CONFIG, r, kWaitMs), app::CLIENT_OK);
+        ASSERT_EQ(r.ackCode, ACK_DONE);
     }
     // The code a download request is refused with; the size when it is answered.
     uint32_t download_answer(const std::string& name) {
-        Fetched f;
-        uint32_t size = 0;
-        return request_size(c, name, p, f, size) ? size : f.code;
+        app::Reply r;
+        if (c.request_download(name) != app::CLIENT_OK ||
+            c.read_reply_of(MSG_DOWNLOAD, r, kWaitMs) != app::CLIENT_OK) {
+            return 0;
+        }
+        return r.reqType == REQ_DATA && r.payload.size() == 4 ? load_le32(r.payload.data())
+                                                              : r.ackCode;
     }
-    // The metadata text, or "refused <code>".
-    std::string metadata(const std::string& name) {
-        Fetched f = fetch_metadata(c, name, p);
-        return f.outcome == Outcome::Done ? f.bytes : "refused " + std::to_string(f.code);
+    // korvel-app's own requests, each on a connection of its own.
+    std::string app_out(std::vector<std::string> args) {
+        args.insert(args.begin(), {"--peer", std::to_string(peer++)});
+        AppRun run = run_app(server->port(), args);
+        return run.rc == 0 ? run.out : "exit " + std::to_string(run.rc);
     }
-    std::string catalogue() { return fetch_catalogue(c, 1, p).bytes; }
+    std::string metadata(const std::string& name) { return app_out({"meta", name}); }
+    std::string catalogue() { return app_out({"ls", "--json"}); }
     void expect_good_served() {
-        EXPECT_EQ(clean_session(server->port(), peer++, 1, "100MEDIA-GOOD.JPG", good), "");
+        EXPECT_EQ(clean_session(server->port(), peer++, 1, tmp.file(""), "100MEDIA-GOOD.JPG", good),
+                  "");
+        peer++;
     }
 };
 
-const std::string NOT_FOUND = "refused " + std::to_string(ACK_NOT_FOUND);
+const std::string NOT_FOUND = "exit 10";  // korvel-app's code for 0xFB02
 
 // Both ways of resolving beneath the card: the kernel's, and the walk older kernels get.
 TEST_F(HostileFiles, LinksNeverReachOffTheCard) {
@@ -100,7 +112,7 @@ TEST_F(HostileFiles, LinksNeverReachOffTheCard) {
                   app::CLIENT_OK);
         for (uint32_t code : {ACK_DONE, ACK_BAD_NAME, ACK_BAD_NAME}) {
             app::Reply r;
-            ASSERT_EQ(c.read_reply_of(MSG_DELETE, r, p.timeoutMs), app::CLIENT_OK);
+            ASSERT_EQ(c.read_reply_of(MSG_DELETE, r, kWaitMs), app::CLIENT_OK);
             EXPECT_EQ(r.ackCode, code);
         }
     }
@@ -120,7 +132,7 @@ TEST_F(HostileFiles, FifosAreMissingFilesAndNothingWaitsOnThem) {
     }
     app::Reply cap;
     ASSERT_EQ(c.request_capability(), app::CLIENT_OK);
-    ASSERT_EQ(c.read_reply_of(MSG_CAPABILITY, cap, p.timeoutMs), app::CLIENT_OK);
+    ASSERT_EQ(c.read_reply_of(MSG_CAPABILITY, cap, kWaitMs), app::CLIENT_OK);
     EXPECT_EQ(cap.ackCode, ACK_NOT_FOUND);
     EXPECT_THAT(catalogue(), AllOf(HasSubstr("GOOD.JPG"), Not(HasSubstr("IMG_0001"))));
     expect_good_served();

@@ -20,7 +20,12 @@ std::string words(uint32_t config, uint32_t blocks, size_t len = 1032) {
     return p;
 }
 
-using Config = TransferTest;
+class Config : public TransferTest {
+protected:
+    uint32_t config_with(const std::string& payload) {
+        return answer(request(MSG_CONFIG, payload), MSG_CONFIG);
+    }
+};
 
 TEST_F(Config, WordsDecodeIntoParametersAndTheBurstLimitIs200MiB) {
     struct Case {
@@ -34,7 +39,7 @@ TEST_F(Config, WordsDecodeIntoParametersAndTheBurstLimitIs200MiB) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.blocks);
         eb.reset(new CEventBase);
-        EXPECT_EQ(answer(request(17, words(c.config, c.blocks)), 17), c.code);
+        EXPECT_EQ(config_with(words(c.config, c.blocks)), c.code);
         EXPECT_EQ(eb->userDefConfig, c.userDef);
         EXPECT_EQ(eb->softwareVerConfig, c.version);
         EXPECT_EQ(eb->userDefPacksize, c.packsize);
@@ -46,15 +51,15 @@ TEST_F(Config, WordsDecodeIntoParametersAndTheBurstLimitIs200MiB) {
 
 TEST_F(Config, PayloadLengthDecidesWhichWordsCount) {
     ASSERT_EQ(configure(1024, 8), ACK_DONE);
-    EXPECT_EQ(answer(request(17, words(0x80000200, 3, 100)), 17), ACK_DONE);  // no words
+    EXPECT_EQ(config_with(words(0x80000200, 3, 100)), ACK_DONE);  // no words
     EXPECT_EQ(eb->userDefPacksize, 1024u);
     EXPECT_EQ(eb->userDefBlocks, 8u);
-    EXPECT_EQ(answer(request(17, words(0x00000200, 3, 1030)), 17), ACK_DONE);  // one: 1 block
+    EXPECT_EQ(config_with(words(0x00000200, 3, 1030)), ACK_DONE);  // one: 1 block
     EXPECT_EQ(eb->userDefPacksize, 512u);
     EXPECT_EQ(eb->userDefBlocks, 1u);
-    EXPECT_EQ(answer(request(17, words(0x00000800, 5, 2047)), 17), ACK_DONE);
+    EXPECT_EQ(config_with(words(0x00000800, 5, 2047)), ACK_DONE);
     EXPECT_EQ(eb->userDefBlocks, 5u);
-    EXPECT_TRUE(request(17, words(0x00000100, 9, 2048)).empty());  // ignored, no reply
+    EXPECT_TRUE(request(MSG_CONFIG, words(0x00000100, 9, 2048)).empty());  // ignored, no reply
     EXPECT_EQ(eb->userDefPacksize, 2048u);
     EXPECT_EQ(eb->userDefBlocks, 5u);
 }

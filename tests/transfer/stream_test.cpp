@@ -28,7 +28,7 @@ protected:
 
 // One open file, requests in this order: the region moves only when a request leaves it.
 TEST_F(Stream, RequestsWalkTheFileWithMarkersAndRegionOffsets) {
-    ASSERT_EQ(answer(download("100MEDIA-CLIP.MP4"), 2), 40000u);
+    ASSERT_EQ(answer(download("100MEDIA-CLIP.MP4"), MSG_DOWNLOAD), 40000u);
     struct Case {
         uint32_t offset, length, msgType;
         std::vector<uint32_t> markers;
@@ -58,7 +58,7 @@ TEST_F(Stream, RefusedAndEmptyRequestsStreamNothing) {
     for (uint8_t type : {3, 6}) {  // before any download
         EXPECT_EQ(answer(chunk(0, 0, type), type, 3), ACK_END_OF_DATA);
     }
-    ASSERT_EQ(answer(download("100MEDIA-CLIP.MP4"), 2), 40000u);
+    ASSERT_EQ(answer(download("100MEDIA-CLIP.MP4"), MSG_DOWNLOAD), 40000u);
     EXPECT_EQ(answer(chunk(0, 16385), 3), ACK_FAILED);  // one byte over the burst
     EXPECT_EQ(answer(chunk(39000, 2000), 3), ACK_FAILED);
     EXPECT_EQ(answer(chunk(0xFFFFF000, 0x1000, 6), 6), ACK_FAILED);  // would wrap in 32 bits
@@ -80,7 +80,7 @@ TEST_F(Stream, RefusedAndEmptyRequestsStreamNothing) {
 // taking the server down with SIGBUS, and the next request refuses before sending.
 TEST_F(Stream, PagesLostMidBurstEndTheBurstWithFailure) {
     install_mapping_guard();
-    ASSERT_EQ(answer(download("100MEDIA-CLIP.MP4"), 2), 40000u);
+    ASSERT_EQ(answer(download("100MEDIA-CLIP.MP4"), MSG_DOWNLOAD), 40000u);
     ASSERT_EQ(truncate((location + "/100MEDIA/CLIP.MP4").c_str(), 4096), 0);
     BurstResult r = send_burst(*eb, make_plan(sv[0], 3, eb->mmap_base_addr, 0, 16384));
     EXPECT_EQ(r.end, BurstEnd::SourceLost);
@@ -94,7 +94,7 @@ TEST_F(Stream, PagesLostMidBurstEndTheBurstWithFailure) {
 TEST_F(Stream, ThumbnailStreamsFromTheJpegUntilItsEnd) {
     data = pattern(9000, 7);
     add("IMG_0001.JPG", testsupport::jpeg_file(testsupport::camera_plan("M", "N", 8, 8, data)));
-    ASSERT_EQ(answer(download("100MEDIA-IMG_0001.thm"), 2), 9000u);
+    ASSERT_EQ(answer(download("100MEDIA-IMG_0001.thm"), MSG_DOWNLOAD), 9000u);
     struct Case {
         uint32_t readOffset, offset;
         std::vector<uint32_t> markers;
@@ -110,10 +110,11 @@ TEST_F(Stream, ThumbnailStreamsFromTheJpegUntilItsEnd) {
 
 TEST_F(Stream, DownloadWaitsForARunningStreamThenGivesUp) {
     std::unique_lock<korvel::Mutex> region(eb->regionMutex);  // as a running chunk stream holds it
-    std::thread main([&] { EXPECT_EQ(answer(download("100MEDIA-CLIP.MP4"), 2), ACK_FAILED); });
+    std::thread main(
+        [&] { EXPECT_EQ(answer(download("100MEDIA-CLIP.MP4"), MSG_DOWNLOAD), ACK_FAILED); });
     main.join();
     region.unlock();
-    EXPECT_EQ(answer(download("100MEDIA-CLIP.MP4"), 2), 40000u);
+    EXPECT_EQ(answer(download("100MEDIA-CLIP.MP4"), MSG_DOWNLOAD), 40000u);
 }
 
 }  // namespace

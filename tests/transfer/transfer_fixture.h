@@ -16,6 +16,7 @@
 #include "app/client.h"
 #include "client/event_base.h"
 #include "core/config.h"
+#include "core/packet.h"
 #include "support/temp_dir.h"
 
 namespace korvel {
@@ -111,21 +112,22 @@ protected:
                                                     static_cast<uint32_t>(payload.size()));
         memcpy(p.buffer(), w.data(), w.size());
         p.unpackHeader();
-        if (msgType == 17) {
+        if (msgType == MSG_CONFIG) {
             eb->process_data_file_config(sv[0], p);
         } else {
-            (eb.get()->*(msgType == 2 ? &CEventBase::process_data_file_download
-                                      : &CEventBase::process_data_file_metadata))(sv[0], p);
+            (eb.get()->*(msgType == MSG_DOWNLOAD ? &CEventBase::process_data_file_download
+                                                 : &CEventBase::process_data_file_metadata))(sv[0],
+                                                                                             p);
         }
         return replies();
     }
     uint32_t configure(uint16_t packsize, uint16_t blocks, const std::string& text = "",
                        bool userDefined = false) {
         std::vector<uint8_t> w = app::build_config_payload(packsize, blocks, text, userDefined);
-        return answer(request(17, std::string(w.begin(), w.end())), 17);
+        return answer(request(MSG_CONFIG, std::string(w.begin(), w.end())), MSG_CONFIG);
     }
-    Replies download(const std::string& name) { return request(2, name); }
-    Replies metadata(const std::string& name) { return request(19, name); }
+    Replies download(const std::string& name) { return request(MSG_DOWNLOAD, name); }
+    Replies metadata(const std::string& name) { return request(MSG_METADATA, name); }
     Replies chunk(uint32_t offset, uint32_t length, uint8_t msgType = 3) {
         eb->transfer_file_data(sv[0], msgType, offset, length);
         return replies();
