@@ -69,6 +69,15 @@ bool on_path(const char* tool) {
     return status == 0;
 }
 
+std::string pattern(size_t n, uint32_t seed) {
+    std::string s(n, '\0');
+    for (char& c : s) {
+        seed = seed * 1103515245u + 12345u;
+        c = static_cast<char>(seed >> 16);
+    }
+    return s;
+}
+
 bool eventually(const std::function<bool()>& condition, int ms) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
     while (!condition()) {

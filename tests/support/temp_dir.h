@@ -2,6 +2,8 @@
 // file and process helpers the tests share.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -31,6 +33,8 @@ void remove_tree(const std::string& path);
 // output, with the exit status as pclose reports it in *status.
 std::string run_command(const std::string& cmd, int* status = nullptr);
 bool on_path(const char* tool);
+// Deterministic bytes that differ at every offset, so bytes from the wrong place never match.
+std::string pattern(size_t n, uint32_t seed = 1);
 // Polls `condition` until it holds or `ms` have passed; whether it held.
 bool eventually(const std::function<bool()>& condition, int ms = 10000);
 

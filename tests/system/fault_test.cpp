@@ -14,7 +14,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <random>
 #include <string>
 #include <thread>
 
@@ -31,14 +30,7 @@ using Clock = std::chrono::steady_clock;
 using testsupport::run_app;
 constexpr int TIMEOUT_MS = 5000;
 
-std::string pattern(size_t n, uint32_t seed) {
-    std::string s(n, '\0');
-    std::mt19937 rng(seed);
-    for (char& ch : s) {
-        ch = static_cast<char>(rng());
-    }
-    return s;
-}
+using testsupport::pattern;
 
 class Fault : public testing::Test {
 protected:

@@ -30,6 +30,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using testsupport::AppRun;
+using testsupport::pattern;
 
 // Slack for a connection the loop has not reaped yet; nothing else may stay open.
 constexpr int FD_SLACK = 4;
@@ -48,14 +49,6 @@ int env_int(const char* name, int fallback) {
     const char* v = getenv(name);
     int n = v != nullptr ? atoi(v) : 0;
     return n > 0 ? n : fallback;
-}
-
-std::string random_bytes(std::mt19937& rng, size_t n) {
-    std::string s(n, '\0');
-    for (char& ch : s) {
-        ch = static_cast<char>(rng());
-    }
-    return s;
 }
 
 enum class Kind { Permanent, Thumbnail, Deletable };
@@ -84,27 +77,27 @@ struct SoakCard {
     std::string photo(uint32_t i, const std::string& thumb, size_t body = 0) {
         testsupport::JpegPlan plan =
             testsupport::camera_plan("Soak", "S" + std::to_string(i), 640, 480, thumb);
-        plan.body = random_bytes(rng, body);
+        plan.body = pattern(body, rng());
         return testsupport::jpeg_file(plan);
     }
     std::string video(size_t extra) {
         return testsupport::mp4_file(testsupport::moov(testsupport::trak({}))) +
-               testsupport::box("mdat", random_bytes(rng, extra));
+               testsupport::box("mdat", pattern(extra, rng()));
     }
     explicit SoakCard(const std::string& root) : dcim(root + "/DCIM") {
         for (uint32_t i = 1; i <= 6; ++i) {
             std::string n = "100MEDIA-IMG_000" + std::to_string(i), t = n + ".thm";
             std::string thumb = testsupport::small_jpeg() + std::string(600 * i, char('a' + i));
             add(n + ".JPG", photo(i, thumb));
-            i == 1 ? add(t, random_bytes(rng, 3000))
+            i == 1 ? add(t, pattern(3000, rng()))
                    : files.push_back({t, "", thumb, Kind::Thumbnail});
             media.push_back(n + ".JPG");
         }
         for (uint32_t i = 1; i <= 4; ++i) {
             std::string n = "101MEDIA-VID_000" + std::to_string(i);
             add(n + ".MP4", video(20000 * i));
-            add(n + ".2nd", random_bytes(rng, 5000));
-            add(n + ".THM", random_bytes(rng, 2000));
+            add(n + ".2nd", pattern(5000, rng()));
+            add(n + ".THM", pattern(2000, rng()));
             media.push_back(n + ".MP4");
         }
         add("102MEDIA-BIG_0001.JPG", photo(9, "", 3 << 20));
@@ -115,7 +108,7 @@ struct SoakCard {
             add(n + (isVideo ? ".MP4" : ".JPG"), isVideo ? video(3000) : photo(i, ""),
                 Kind::Deletable);
             deletable.push_back(files.back().name);
-            add(n + (isVideo ? ".2nd" : ".thm"), random_bytes(rng, 700), Kind::Deletable);
+            add(n + (isVideo ? ".2nd" : ".thm"), pattern(700, rng()), Kind::Deletable);
         }
     }
 };
@@ -202,7 +195,7 @@ struct SoakApp {
         uint32_t kind = rng() % 5;
         pkt[13] = kind == 3 ? 0xFF : 0;  // a payload length past 65532
         pkt.back() ^= kind == 2 ? 0x5A : 0;
-        std::string noise = random_bytes(rng, 20 + rng() % 4000);
+        std::string noise = pattern(20 + rng() % 4000, rng());
         t.expect(c.connect_to("127.0.0.1", port, TIMEOUT_MS) == 0, "cannot connect");
         if (kind == 0 && c.configure(65535, 64) == 0 &&
             c.read_reply_of(MSG_CONFIG, r, TIMEOUT_MS) == 0 &&

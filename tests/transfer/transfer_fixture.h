@@ -26,15 +26,7 @@ using testsupport::make_dirs;
 using testsupport::write_file;
 using Replies = std::vector<app::Reply>;
 
-// Differs at every offset, so bytes from the wrong place never match by accident.
-inline std::string pattern(size_t n, uint32_t seed = 1) {
-    std::string s(n, '\0');
-    for (char& c : s) {
-        seed = seed * 1103515245u + 12345u;
-        c = static_cast<char>(seed >> 16);
-    }
-    return s;
-}
+using testsupport::pattern;
 
 inline std::string bytes_of(const app::Reply& r) {
     return std::string(r.payload.begin(), r.payload.end());
