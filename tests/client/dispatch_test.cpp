@@ -141,12 +141,10 @@ TEST_F(Dispatch, IgnoredTypesAreSilentAndUnknownOnesWarnWithTheirDispatcher) {
     }
     EXPECT_EQ(eb.event_base_process_ctrl(sv[0], ctrl(1, 9)), -1);
     std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(err.find("[Quillmere-warn] [WARN],int32_t korvel::CEventBase::event_base_process_"
-                       "data(int, korvel::CPacket&)unknown message type!\n"),
-              std::string::npos);
-    EXPECT_NE(err.find("[WARN],int32_t korvel::CEventBase::event_base_process_ctrl(int, "
-                       "korvel::CPacket&)unknown message type!"),
-              std::string::npos);
+    for (const char* dispatcher : {"process_data(", "process_ctrl("}) {
+        EXPECT_NE(err.find(std::string(dispatcher) + "int, korvel::CPacket&)unknown message type!"),
+                  std::string::npos);
+    }
     EXPECT_TRUE(eb.tasks().empty());
     EXPECT_FALSE(reply_waiting());
 }

@@ -68,23 +68,22 @@ TEST_F(Download, ThumbnailSubstituteAndMetadataDocuments) {
     }
 }
 
-// Names that would reach files outside the media directories are refused by every request.
+// Names that would reach files outside the media directories are refused by every request;
+// links and FIFOs are the hostile-file tests', over the wire.
 TEST_F(Download, FilesAndNamesThatCannotBeServedAreRefused) {
     write_file(card + "/secret.txt", "card root");
     write_file(location + "/secret.txt", "location");
     write_file(tmp.file("secret.txt"), "outside");
     add("EMPTY.MP4", "");
-    ASSERT_EQ(mkfifo((location + "/100MEDIA/PIPE.MP4").c_str(), 0600), 0);
-    ASSERT_EQ(symlink(tmp.file("secret.txt").c_str(), (location + "/100MEDIA/LINK.MP4").c_str()),
-              0);
     make_dirs(location + "/100MEDIA/SUB.MP4");
     const std::string longName = "100MEDIA-" + std::string(1015, 'n');  // 1024 bytes
     struct Case {
         std::string name;
         uint32_t code;
-    } files[] = {{"100MEDIA-NONE.MP4", ACK_NOT_FOUND}, {longName, ACK_NOT_FOUND},
-                 {"100MEDIA-EMPTY.MP4", ACK_FAILED},   {"100MEDIA-PIPE.MP4", ACK_NOT_FOUND},
-                 {"100MEDIA-LINK.MP4", ACK_NOT_FOUND}, {"100MEDIA-SUB.MP4", ACK_NOT_FOUND}};
+    } files[] = {{"100MEDIA-NONE.MP4", ACK_NOT_FOUND},
+                 {longName, ACK_NOT_FOUND},
+                 {"100MEDIA-EMPTY.MP4", ACK_FAILED},
+                 {"100MEDIA-SUB.MP4", ACK_NOT_FOUND}};
     for (const Case& c : files) {
         EXPECT_EQ(answer(download(c.name), MSG_DOWNLOAD), c.code) << c.name;
         EXPECT_EQ(std::make_tuple(eb->fileFd, eb->fileOpened), std::make_tuple(-1, 0)) << c.name;
