@@ -37,7 +37,6 @@ struct Facts {  // the record's field sizes, so a write past one trips the sanit
 class Exif : public ::testing::Test {
 protected:
     TempDir tmp;
-    std::string out;  // what the reader printed
     std::vector<uint8_t> buf = std::vector<uint8_t>(CAPACITY, 0xAA);
     uint32_t size = 7;
 
@@ -50,7 +49,7 @@ protected:
         CaptureStdout();
         int rc =
             exif_read_photo_info(x->f[0], x->f[1], x->f[2], x->f[3], x->f[4], x->f[5], p.c_str());
-        out = GetCapturedStdout();
+        GetCapturedStdout();  // the reader's debug lines
         return rc;
     }
     int thumb(const std::string& bytes, uint32_t capacity = CAPACITY) {
@@ -106,45 +105,32 @@ TEST_F(Exif, ValuesAreReadByTheirTypeAndCutToTheField) {
     }
 }
 
-TEST_F(Exif, FailuresPrintTheirLineAndFillNothing) {
+TEST_F(Exif, FailuresFillNothing) {
     JpegPlan photo = camera_plan("Korvel", "KV-200", 640, 480);
     photo.ifd0Offset = 16;  // the farthest IFD0 allowed
     const std::string good = jpeg_file(photo);
     const size_t seg = app1_pos(photo) + 2;  // the length, then "Exif"
-    struct Case {
-        size_t at;
-        std::string bytes, line;
-    } cases[] = {
-        {2, "Exig", "debug: not valid exif head E, x\n"},
-        {8, "IM", "debug: not valid endian 73, 77\n"},
-        {10, std::string("\x2B\0", 2), "debug: not valid fixed byte 43, 0\n"},
-        {12, std::string("\x14\0\0\0", 4), ""},  // IFD0 at 20
-    };
-    for (const Case& c : cases) {
+    const std::pair<size_t, std::string> cases[] = {
+        {2, "Exig"}, {8, "IM"}, {10, std::string("\x2B\0", 2)}, {12, std::string("\x14\0\0\0", 4)}};
+    for (const auto& [at, bytes] : cases) {  // header, byte order, 42, IFD0 at 20
         std::string bad = good;
-        bad.replace(seg + c.at, c.bytes.size(), c.bytes);
+        bad.replace(seg + at, bytes.size(), bytes);
         Facts x("keep");
-        EXPECT_EQ(read(bad, &x), 0) << c.at;
-        EXPECT_EQ(out, c.line) << c.at;
-        EXPECT_EQ(x.texts(), KEPT) << c.at;
+        EXPECT_EQ(read(bad, &x), 0) << at;
+        EXPECT_EQ(x.texts(), KEPT) << at;
     }
     Facts x;
     CaptureStdout();
     EXPECT_EQ(exif_parse_app1(nullptr, 100, x.f[0], x.f[1], x.f[2], x.f[3], x.f[4], x.f[5]), -1);
-    EXPECT_EQ(GetCapturedStdout().rfind("debug: not valid input param ", 0), 0u);
-
+    GetCapturedStdout();
     std::string file = good;
     file[app1_pos(photo) + 2] = char((file.size() + 2) >> 8);  // APP1 longer than the file
     file[app1_pos(photo) + 3] = char(file.size() + 2);
     EXPECT_EQ(read(file, &x), -1);
-    EXPECT_EQ(out, "debug: metasize exceed: " + std::to_string(file.size() + 2) + "  " +
-                       std::to_string(file.size() + 1) + "\n");
     EXPECT_EQ(read("", &x, tmp.file("none.JPG")), -1);
-    EXPECT_EQ(out, "bad open file: " + tmp.file("none.JPG") + "\n");
     // A bad entry is skipped and the walk goes on, here to an IFD0 at the farthest offset.
     photo.ifd0.insert(photo.ifd0.begin(), exif_raw(TAG_MAKE, 13, 1, 0));
     EXPECT_EQ(read(jpeg_file(photo), &x), 0);
-    EXPECT_EQ(out, "wrong format type 13 \n");
     EXPECT_EQ(x.texts(), CAMERA);
 }
 
@@ -208,8 +194,7 @@ TEST_F(Exif, ThumbnailIsCopiedWholeOnlyWhenItFitsAndLiesInside) {
     EXPECT_EQ(exif_read_thumbnail(nullptr, buf.data(), CAPACITY, &size), -1);
     std::string missing = tmp.file("IMG_0002.JPG");
     EXPECT_EQ(exif_read_thumbnail(missing.c_str(), buf.data(), CAPACITY, &size), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "bad parameter!\nbad open file," + missing + "\n");
+    testing::internal::GetCapturedStderr();
 }
 
 }  // namespace
