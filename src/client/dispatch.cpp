@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include "client/event_base.h"
 #include "log/log.h"
@@ -32,10 +33,25 @@ HandlerTask make_task(uint8_t type, int fd, uint32_t offset, uint32_t length) {
 HandlerTask make_delete_task(int fd, const CPacket& packet) {
     HandlerTask task = make_task(TASK_DELETE, fd, 0, 0);
     uint32_t len = packet.getPayloadLen();
-    task.payload.reset(new char[len + 1]);
+    task.payload.reset(new (std::nothrow) char[len + 1]);
+    if (!task.payload) {
+        return task;  // refused by queue() below: a delete task needs its text
+    }
     memcpy(task.payload.get(), packet.getPayload(), len);
     task.payload[len] = '\0';
+    task.payloadLen = len;
     return task;
+}
+
+// A task the app's queue has no room for is dropped with a warning: the app asked for more
+// work than it waits for, and the server must not hold it all.
+void queue(CEventBase& eb, HandlerTask task) {
+    uint8_t type = task.type;
+    if ((type == TASK_DELETE && !task.payload) || !eb.queue_task(std::move(task))) {
+        log_warn("[WARN],%stask queue full, task %d dropped\n",
+                 "int32_t korvel::CEventBase::event_base_process(int, korvel::CPacket&)",
+                 static_cast<int>(type));
+    }
 }
 
 }  // namespace
@@ -56,18 +72,18 @@ int32_t CEventBase::event_base_process_data(int fd, CPacket& packet) {
         case 7:
             return 0;
         case 1:
-            queue_task(make_delete_task(fd, packet));
+            queue(*this, make_delete_task(fd, packet));
             return 0;
         case 2:
             process_data_file_download(fd, packet);
             return 0;
         case 3:
-            queue_task(make_task(TASK_STREAM3, fd, packet.getOffset(), first_word_le(packet)));
+            queue(*this, make_task(TASK_STREAM3, fd, packet.getOffset(), first_word_le(packet)));
             return 0;
         case 4:
         case 5:
         case 6:
-            queue_task(make_task(TASK_STREAM6, fd, packet.getOffset(), first_word_le(packet)));
+            queue(*this, make_task(TASK_STREAM6, fd, packet.getOffset(), first_word_le(packet)));
             return 0;
         case 17:
             process_data_file_config(fd, packet);
@@ -94,7 +110,7 @@ int32_t CEventBase::event_base_process_ctrl(int fd, CPacket& packet) {
             HandlerTask task = make_task(TASK_CATALOGUE, fd, packet.getOffset(), 0);
             task.marker = static_cast<uint8_t>(packet.getMarker());
             task.value = static_cast<uint16_t>(packet.getAckValue());
-            queue_task(std::move(task));
+            queue(*this, std::move(task));
             return 0;
         }
         case 1:
@@ -103,13 +119,13 @@ int32_t CEventBase::event_base_process_ctrl(int fd, CPacket& packet) {
         case 17:
             return 0;
         case 3:
-            queue_task(make_task(TASK_STREAM3, fd, packet.getOffset(), 0));
+            queue(*this, make_task(TASK_STREAM3, fd, packet.getOffset(), 0));
             return 0;
         case 5:
             reply_transfer_position(fd);
             return 0;
         case 6:
-            queue_task(make_task(TASK_STREAM6, fd, packet.getOffset(), 0));
+            queue(*this, make_task(TASK_STREAM6, fd, packet.getOffset(), 0));
             return 0;
         case 7:
             process_quit(fd);
