@@ -169,14 +169,14 @@ bool connect_app(korvel::app::Client& c, uint16_t port, uint32_t peer, int timeo
     return c.connect_to("127.0.0.1", port, timeoutMs) == korvel::app::CLIENT_OK;
 }
 
-// One configuration round trip in ms, -1 when it failed or timed out.
+// One configuration round trip in µs, -1 when it failed or timed out.
 long config_trip(korvel::app::Client& c) {
     auto start = Clock::now();
     korvel::app::Reply r;
     if (c.configure(4096, 1) != 0 || c.read_reply_of(korvel::MSG_CONFIG, r, TRIP_TIMEOUT_MS) != 0) {
         return -1;
     }
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
+    return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start).count();
 }
 
 // Attack connections: a short connect timeout, since a full backlog drops SYNs.
@@ -309,10 +309,10 @@ void run(const Scenario& s, int seconds) {
     kill(pid, SIGKILL);
     waitpid(pid, &status, 0);
     std::sort(trips.begin(), trips.end());
-    long median = trips.empty() ? -1 : trips[trips.size() / 2];
-    long worst = trips.empty() ? -1 : trips.back();
-    printf("%-12s %6zu %8ld %8ld %7d %10ld %s\n", s.name, trips.size(), median, worst, failed, hwm,
-           alive ? "" : "SERVER DIED");
+    double median = trips.empty() ? -1 : trips[trips.size() / 2] / 1000.0;
+    double worst = trips.empty() ? -1 : trips.back() / 1000.0;
+    printf("%-12s %6zu %8.2f %8.2f %7d %10ld %s\n", s.name, trips.size(), median, worst, failed,
+           hwm, alive ? "" : "SERVER DIED");
     fflush(stdout);
     system(("rm -rf '" + root + "'").c_str());
 }
