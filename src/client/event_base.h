@@ -90,6 +90,9 @@ public:
     // owner, before delete) calls it first, so the worker never runs into a class part
     // that is already destroyed.
     void stop_worker();
+    // The first half of stop_worker, which never waits: the worker ends after its running
+    // task, while the owner gets on with other work; stop_worker then only joins.
+    void request_stop();
     // The fence that dispatch attaches to what it queues for the connection in hand
     // (main thread only).
     void set_dispatch_fence(std::shared_ptr<Fence> f) { dispatchFence = std::move(f); }

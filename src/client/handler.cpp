@@ -148,16 +148,20 @@ bool Handler::queue_reply(HandlerTask reply) {
     return true;
 }
 
-void Handler::stop_worker() {
-    if (!workerThread) {
-        return;
-    }
-    if (running) {
+void Handler::request_stop() {
+    if (workerThread && running) {
         running = 0;  // cleared before the marker, so the worker ends after taking it
         HandlerTask stop;
         stop.type = TASK_STOP;
         queue_task(std::move(stop));
     }
+}
+
+void Handler::stop_worker() {
+    if (!workerThread) {
+        return;
+    }
+    request_stop();
     workerThread->join();
     workerThread.reset();
 }

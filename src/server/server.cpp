@@ -222,15 +222,17 @@ void CDownload::bind_sockfd_peer(int fd, uint32_t peerID) {
     conn.peerID = peerID;
 }
 
-// A new app is refused (null) beyond MAX_EVENT_BASES, counting those still being destroyed,
-// and when its event base or its worker thread cannot be made.
+// A new app is refused (null) beyond MAX_EVENT_BASES live ones or MAX_RETIRING_EVENT_BASES
+// still being destroyed (each holds a thread until then), and when its event base or its
+// worker thread cannot be made.
 CEventBase* CDownload::get_handler(uint32_t peerID) {
     int32_t key = static_cast<int32_t>(peerID);
     auto it = handlerMap.find(key);
     if (it != handlerMap.end()) {
         return it->second.get();
     }
-    if (handlerMap.size() + reaper.pending_event_bases() >= MAX_EVENT_BASES) {
+    if (handlerMap.size() >= MAX_EVENT_BASES ||
+        reaper.pending_event_bases() >= MAX_RETIRING_EVENT_BASES) {
         return nullptr;
     }
     std::unique_ptr<CEventBase> ev(new (std::nothrow) CEventBase());
@@ -257,6 +259,9 @@ void CDownload::release_handler(uint32_t peerID) {
     }
     std::unique_ptr<CEventBase> ev = std::move(it->second);
     handlerMap.erase(it);
+    // Every retired worker winds down at once; the reaper only joins them, in order.
+    ev->quitRequested = 1;
+    ev->request_stop();
     reaper.retire(std::move(ev), -1, fence, handlerMap.empty());
 }
 

@@ -3,19 +3,18 @@
 // Thread and descriptor limits are real, set in a child so this binary's stay untouched.
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <signal.h>
 #include <gtest/gtest.h>
 #include <grp.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <future>
 #include <memory>
 #include <string>
 #include <thread>
@@ -126,19 +125,18 @@ std::string thread_limit_case() {
     if (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0) {
         return "cannot become nobody";
     }
-    std::vector<pid_t> probe;  // what nobody already runs: children until the limit says no
-    for (pid_t p = 1; p > 0 && probe.size() < 64;) {
-        if ((p = fork()) == 0) {
-            pause();
-            _exit(0);
+    std::vector<std::thread> probe;  // what nobody already runs: threads until refused
+    std::promise<void> go;
+    std::shared_future<void> ready = go.get_future().share();
+    try {
+        while (probe.size() < 64) {
+            probe.emplace_back([ready] { ready.wait(); });
         }
-        if (p > 0) {
-            probe.push_back(p);
-        }
+    } catch (const std::system_error&) {
     }
-    for (pid_t p : probe) {
-        kill(p, SIGKILL);
-        waitpid(p, nullptr, 0);
+    go.set_value();
+    for (auto& t : probe) {
+        t.join();
     }
     // This thread is counted already; the loop, reaper and deleter and 4 workers may start.
     lim.rlim_cur = lim.rlim_max = 64 - probe.size() + 3 + 4;
