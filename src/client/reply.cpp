@@ -9,6 +9,7 @@
 
 #include "client/event_base.h"
 #include "core/io.h"
+#include "core/mapping_guard.h"
 #include "log/log.h"
 
 namespace korvel {
@@ -82,6 +83,13 @@ int32_t CEventBase::send_msg_data_to_app(int fd, uint8_t marker, uint8_t msgType
         return -1;
     }
     if (on_loop_thread()) {
+        // The payload may lie in a mapping whose pages are gone: touched under the guard
+        // first, so such a reply fails like the worker's does instead of faulting the loop.
+        uint32_t crc = 0;
+        if (len > 0 && !crc32_guarded(0, data, len, crc)) {
+            log_print(1, "payload unreadable, offset %u, size %u\n", offset, len);
+            return SEND_SOURCE_LOST;
+        }
         HandlerTask t = reply_task(fd, marker, msgType, offset, replySeqNO);
         if (len > 0) {
             t.payload.reset(new (std::nothrow) char[len + 1]);
