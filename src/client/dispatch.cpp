@@ -3,6 +3,7 @@
 
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include "client/event_base.h"
 #include "core/byte_order.h"
@@ -31,10 +32,25 @@ HandlerTask make_task(uint8_t type, int fd, uint32_t offset, uint32_t length) {
 HandlerTask make_delete_task(int fd, const CPacket& packet) {
     HandlerTask task = make_task(TASK_DELETE, fd, 0, 0);
     uint32_t len = packet.getPayloadLen();
-    task.payload.reset(new char[len + 1]);
+    task.payload.reset(new (std::nothrow) char[len + 1]);
+    if (!task.payload) {
+        return task;  // refused by queue() below: a delete task needs its text
+    }
     memcpy(task.payload.get(), packet.getPayload(), len);
     task.payload[len] = '\0';
+    task.payloadLen = len;
     return task;
+}
+
+// A task the app's queue has no room for is dropped with a warning: the app asked for more
+// work than it waits for, and the server must not hold it all.
+void queue(CEventBase& eb, HandlerTask task) {
+    uint8_t type = task.type;
+    if ((type == TASK_DELETE && !task.payload) || !eb.queue_task(std::move(task))) {
+        log_warn("[WARN],%stask queue full, task %d dropped\n",
+                 "int32_t korvel::CEventBase::event_base_process(int, korvel::CPacket&)",
+                 static_cast<int>(type));
+    }
 }
 
 }  // namespace
@@ -55,18 +71,18 @@ int32_t CEventBase::event_base_process_data(int fd, CPacket& packet) {
         case MSG_QUIT:
             return 0;
         case MSG_DELETE:
-            queue_task(make_delete_task(fd, packet));
+            queue(*this, make_delete_task(fd, packet));
             return 0;
         case MSG_DOWNLOAD:
             process_data_file_download(fd, packet);
             return 0;
         case MSG_CHUNK:
-            queue_task(make_task(TASK_STREAM3, fd, packet.getOffset(), first_word_le(packet)));
+            queue(*this, make_task(TASK_STREAM3, fd, packet.getOffset(), first_word_le(packet)));
             return 0;
         case MSG_CHUNK_CONT4:
         case MSG_CHUNK_CONT5:
         case MSG_CHUNK_CONT:
-            queue_task(make_task(TASK_STREAM6, fd, packet.getOffset(), first_word_le(packet)));
+            queue(*this, make_task(TASK_STREAM6, fd, packet.getOffset(), first_word_le(packet)));
             return 0;
         case MSG_CONFIG:
             process_data_file_config(fd, packet);
@@ -93,7 +109,7 @@ int32_t CEventBase::event_base_process_ctrl(int fd, CPacket& packet) {
             HandlerTask task = make_task(TASK_CATALOGUE, fd, packet.getOffset(), 0);
             task.marker = static_cast<uint8_t>(packet.getMarker());
             task.value = static_cast<uint16_t>(packet.getAckValue());
-            queue_task(std::move(task));
+            queue(*this, std::move(task));
             return 0;
         }
         case MSG_DELETE:  // data-only types: ignored as control
@@ -102,13 +118,13 @@ int32_t CEventBase::event_base_process_ctrl(int fd, CPacket& packet) {
         case MSG_CONFIG:
             return 0;
         case MSG_CHUNK:
-            queue_task(make_task(TASK_STREAM3, fd, packet.getOffset(), 0));
+            queue(*this, make_task(TASK_STREAM3, fd, packet.getOffset(), 0));
             return 0;
         case MSG_POSITION:
             reply_transfer_position(fd);
             return 0;
         case MSG_CHUNK_CONT:
-            queue_task(make_task(TASK_STREAM6, fd, packet.getOffset(), 0));
+            queue(*this, make_task(TASK_STREAM6, fd, packet.getOffset(), 0));
             return 0;
         case MSG_QUIT:
             process_quit(fd);

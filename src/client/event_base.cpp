@@ -1,8 +1,11 @@
-// Construction and destruction of an event base. Both run on the main thread; the
-// destructor waits for the worker's running task before anything is released.
+// Construction and destruction of an event base. The server constructs on the main thread
+// and destroys on its reaper thread; the destructor stops the worker (after its running
+// task) before anything is released.
 #include "client/event_base.h"
 
 #include <unistd.h>
+
+#include <new>
 
 #include <cjson/cJSON.h>
 
@@ -15,20 +18,21 @@ namespace korvel {
 // touching its 120 KiB keeps an idle app's event base small on the camera.
 CEventBase::CEventBase()
     : fileName{}, downFileName{}, ctimePath{}, resourceLocation{}, locPostfix{} {
-    mediaRecord.reset(new CJSONFile());
+    mediaRecord.reset(new (std::nothrow) CJSONFile());
     log_print(1, "new ceventbase.\n");
-    start_worker();  // last: the worker never sees a half-built object
+    if (mediaRecord) {
+        start_worker();  // last: the worker never sees a half-built object
+    }
 }
 
+// A running stream or catalogue ends at its next poll of quitRequested; the join in
+// stop_worker then waits for it (and for a delete, which does not poll) without spinning.
+// Also when idle: a task the worker takes before the stop marker ends at its first poll.
 CEventBase::~CEventBase() {
-    while (busy) {
-        quitRequested = 1;
-        log_print(1, "waiting finish of msg handling thread.\n");
-        usleep(5);
-    }
-    // Also when idle: a task the worker takes between the wait above and the stop marker
-    // then ends at its first poll instead of running a whole burst.
     quitRequested = 1;
+    if (busy) {
+        log_print(1, "waiting finish of msg handling thread.\n");
+    }
     log_print(1, "release ceventbase.\n");
     stop_worker();
     if (catalogueJson != nullptr) {

@@ -1,11 +1,15 @@
 // One app's state on the server: the worker thread with its task queue (Handler) and the
 // event base (CEventBase) that holds the app's transfer, catalogue and reply state.
 //
-// Threads: the main thread creates and destroys event bases, dispatches packets and runs
-// the immediate handlers; the worker runs queued tasks one at a time.
+// Threads: the main thread creates event bases, dispatches packets and runs the immediate
+// handlers; the worker runs queued tasks one at a time and is the only thread that writes
+// to the app's socket while the server runs: replies made on the main thread are queued
+// for it (see send_msg_*). Event bases are destroyed off the main thread.
 //
 // Lock order (outer first): regionMutex -> sendMutex -> mLock (log switch file).
-// taskMutex and locationMutex are leaves: nothing else is taken while either is held.
+// taskMutex, locationMutex and a Fence's mutex are leaves: nothing else is taken while one
+// is held. The main thread only ever try_locks regionMutex and never takes sendMutex, so
+// it never waits for a worker's socket write.
 #pragma once
 
 #include <array>
@@ -34,7 +38,18 @@ constexpr uint8_t TASK_CATALOGUE = 0;
 constexpr uint8_t TASK_DELETE = 1;
 constexpr uint8_t TASK_STREAM3 = 3;
 constexpr uint8_t TASK_STREAM6 = 6;
+constexpr uint8_t TASK_REPLY = 0xFE;  // a reply made on the main thread, written by the worker
 constexpr uint8_t TASK_STOP = 0xFF;
+
+// Raised once an earlier event base that wrote to a connection is gone; work for that
+// connection waits on it, on the worker, so two event bases never write to it at once.
+struct Fence {
+    std::mutex m;
+    std::condition_variable cv;
+    std::atomic<bool> done{false};
+    void raise();
+    void wait();
+};
 
 struct HandlerTask {
     uint8_t type = TASK_STOP;
@@ -44,7 +59,22 @@ struct HandlerTask {
     uint8_t marker = 0;
     uint16_t value = 0;
     std::unique_ptr<char[]> payload;  // delete task: its own NUL-terminated copy of the JSON
+    uint32_t payloadLen = 0;          // bytes in payload, its NUL not counted
+    // TASK_REPLY: the packet to build ...
+    bool isAck = false;
+    uint8_t msgType = 0;
+    uint8_t ackFlag = 0;
+    uint16_t ackCode = 0;
+    uint32_t seqNO = 0;
+    // ... and, for every task, what must be gone before it may touch the socket.
+    std::shared_ptr<Fence> fence;
 };
+
+// Per-app bounds: what one app can make the server hold while its worker is busy.
+constexpr size_t TASK_QUEUE_MAX = 64;
+constexpr size_t TASK_QUEUE_MAX_BYTES = 256 * 1024;
+constexpr size_t REPLY_QUEUE_MAX_BYTES = 1024 * 1024;
+constexpr size_t TASK_OVERHEAD_BYTES = 128;  // a task record counted against the byte caps
 
 class Handler {
 public:
@@ -53,11 +83,34 @@ public:
     virtual void process(HandlerTask& task) = 0;
 
     static void threadEntrance(Handler* h);
-    void queue_task(HandlerTask task);  // append, notify_all, never waits for the worker
+    // Append, notify_all, never waits for the worker. False (the task dropped) when the
+    // queue already holds TASK_QUEUE_MAX tasks or TASK_QUEUE_MAX_BYTES.
+    bool queue_task(HandlerTask task);
+    // A reply for the worker to write; false when REPLY_QUEUE_MAX_BYTES are pending.
+    bool queue_reply(HandlerTask reply);
+    bool worker_started() const { return workerThread != nullptr; }
+    // Clears running, queues the stop marker, joins. The most-derived destructor (or the
+    // owner, before delete) calls it first, so the worker never runs into a class part
+    // that is already destroyed.
+    void stop_worker();
+    // The first half of stop_worker, which never waits: the worker ends after its running
+    // task, while the owner gets on with other work; stop_worker then only joins.
+    void request_stop();
+    // The fence that dispatch attaches to what it queues for the connection in hand
+    // (main thread only).
+    void set_dispatch_fence(std::shared_ptr<Fence> f) { dispatchFence = std::move(f); }
+
+    // The thread that runs the server loop marks itself: replies made there are queued
+    // for the app's worker instead of being written in place.
+    static void mark_loop_thread();
+    static bool on_loop_thread();
 
 protected:
-    void start_worker();  // last step of the derived constructor
-    void stop_worker();   // clears running, queues the stop marker, joins
+    // Last step of the derived constructor. False when no thread could be created: the
+    // object then serves nobody and its owner drops it.
+    bool start_worker();
+    // Writes the replies queued so far (worker only).
+    void flush_replies();
 
     std::unique_ptr<std::thread> workerThread;
     std::atomic<uint8_t> running{0};
@@ -66,6 +119,10 @@ protected:
     std::mutex taskMutex;
     std::condition_variable taskCond;
     std::deque<HandlerTask> taskQueue;
+    std::deque<HandlerTask> replyQueue;  // taskMutex; written before the next task starts
+    size_t taskBytes = 0;                // taskMutex
+    size_t replyBytes = 0;               // taskMutex
+    std::shared_ptr<Fence> dispatchFence;  // main
 };
 
 // The location fields copied out under locationMutex, for readers on the worker thread.
@@ -103,6 +160,7 @@ public:
         EXCLUDES(sendMutex);
     // The standard acknowledgement of a request: marker 1, offset 0, ackFlag 1, ackValue 0.
     int32_t send_status(int fd, uint8_t msgType, uint16_t ackCode);
+    void send_queued_reply(HandlerTask& reply);  // worker: write one TASK_REPLY
     int32_t check_seq_no(CPacket& packet);
     int32_t check_crc(int fd, CPacket& packet);
     uint8_t quit_received();
@@ -170,7 +228,7 @@ public:
     uint16_t catalogueType = 0;      // worker
     LocationSnapshot catalogueLocation{};  // worker: the location a catalogue is built under
     CPacket sendPacket GUARDED_BY(sendMutex);
-    Mutex sendMutex;                             // one whole reply packet at a time
+    Mutex sendMutex;  // one whole reply packet at a time; never taken on the main thread
     std::atomic<uint32_t> softwareVerConfig{0};  // main
     std::atomic<uint8_t> userDefConfig{0};       // main
     std::atomic<uint32_t> userDefPacksize{4096};  // main

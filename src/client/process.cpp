@@ -5,6 +5,10 @@
 namespace korvel {
 
 void CEventBase::process(HandlerTask& task) {
+    if (task.type == TASK_REPLY) {
+        send_queued_reply(task);
+        return;
+    }
     busy = 1;
     switch (task.type) {
         case TASK_CATALOGUE:

@@ -2,6 +2,7 @@
 // root, the capability file and the port. main() never calls the seam.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace korvel {
@@ -13,7 +14,20 @@ constexpr int SOCKET_SNDBUF = 4194304;
 constexpr int KEEPALIVE_IDLE_S = 60;
 constexpr int KEEPALIVE_INTVL_S = 10;
 constexpr int KEEPALIVE_CNT = 3;
-constexpr int SELECT_TIMEOUT_S = 5;
+constexpr int LOOP_PASS_MS = 5000;  // the longest a loop pass waits for activity
+
+// What apps on the network can make the server hold. An event base costs a thread and
+// about 40 KiB; a connection up to one parked packet (64 KiB). A camera serves a handful
+// of apps; the caps leave room for the 50-app load test and its misbehaving sessions.
+constexpr size_t MAX_EVENT_BASES = 64;
+constexpr size_t MAX_RETIRING_EVENT_BASES = 64;  // released, their workers still ending
+constexpr size_t MAX_CONNECTIONS = 128;
+// A connection that has sat in the middle of one packet this long is closed.
+constexpr int PACKET_IDLE_TIMEOUT_MS = 10000;
+// After accept fails for want of descriptors or memory, the listening socket is left out
+// of the poll set this long (or until a descriptor is freed), so the loop does not spin.
+constexpr int ACCEPT_PAUSE_MS = 100;
+constexpr int ACCEPTS_PER_PASS = 16;
 
 constexpr const char* SD_ROOT = "/tmp/SD0";
 constexpr const char* MEDIA_SUBDIR = "/DCIM";

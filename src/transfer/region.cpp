@@ -79,6 +79,9 @@ bool region_still_backed(int fileFd, uint32_t mapoff, uint32_t mapsize) {
 }
 
 bool lock_region(Mutex& regionMutex) {
+    if (Handler::on_loop_thread()) {
+        return regionMutex.try_lock();  // the loop serves every app: it never waits for one stream
+    }
     auto deadline = std::chrono::steady_clock::now() + REGION_WAIT;
     while (!regionMutex.try_lock()) {
         if (std::chrono::steady_clock::now() >= deadline) {

@@ -10,14 +10,14 @@
 
 namespace korvel {
 
-// How long a request on the main thread waits for a running chunk stream of the same app
-// to finish with the region. Apps do not overlap the two; one that does gets 0xFB06
-// instead of holding the loop.
+// How long a request made off the server loop (a test, a tool) waits for a running chunk
+// stream of the same app to finish with the region. On the loop there is no wait: apps do
+// not overlap the two, and one that does gets 0xFB06 at once instead of holding the loop.
 constexpr std::chrono::seconds REGION_WAIT{2};
 
-// Takes the region lock within REGION_WAIT; true when it is now held by the caller.
-// Polled with try_lock rather than a timed mutex: the thread checkers do not see the
-// clock-based lock, and this path is rare.
+// Takes the region lock: at once or not at all on the loop thread, within REGION_WAIT on
+// others; true when it is now held by the caller. Polled with try_lock rather than a timed
+// mutex: the thread checkers do not see the clock-based lock, and this path is rare.
 bool lock_region(Mutex& regionMutex) TRY_ACQUIRE(true, regionMutex);
 
 bool region_still_backed(int fileFd, uint32_t mapoff, uint32_t mapsize);
