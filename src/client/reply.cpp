@@ -56,6 +56,10 @@ int32_t write_data(CEventBase& eb, int fd, uint8_t marker, uint8_t msgType, uint
               329, msgType, marker, size);
     int r = writev_all(fd, eb.sendPacket.buffer(), PACKET_HEADER_SIZE, data, static_cast<int>(len),
                        trailer, PACKET_TRAILER_SIZE);
+    if (r == WRITE_UNREADABLE) {
+        log_print(1, "payload unreadable, offset %u, size %u\n", offset, len);
+        return CEventBase::SEND_SOURCE_LOST;
+    }
     if (r < 0) {
         perror("writen error");
     }

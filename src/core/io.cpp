@@ -90,6 +90,9 @@ int writev_all(int fd, const void* a, int alen, const void* b, int blen, const v
             if (errno == EINTR) {
                 continue;
             }
+            if (errno == EFAULT && !torn) {
+                return WRITE_UNREADABLE;
+            }
             if (errno != EAGAIN && errno != EWOULDBLOCK) {
                 return give_up_torn(fd, torn);
             }

@@ -12,7 +12,10 @@ class CPacket;
 // n when all bytes were written, -1 on failure. Waits for writability with poll; gives up
 // (and shuts the connection down) after WRITE_STALL_MS without progress.
 int writen(int fd, const void* buf, int n);
-// As writen, for a packet made of up to three pieces (header, payload, trailer).
+// As writen, for a packet made of up to three pieces (header, payload, trailer); also
+// WRITE_UNREADABLE when the kernel could not read the pieces (a mapping lost its pages)
+// before any byte of them went out, so the stream is still whole.
+constexpr int WRITE_UNREADABLE = -4;
 int writev_all(int fd, const void* a, int alen, const void* b, int blen, const void* c, int clen);
 
 // Reassembles one packet of one connection across readiness events, reading only the
