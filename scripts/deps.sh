@@ -14,7 +14,7 @@ for arg in "$@"; do
 done
 packages=(build-essential cmake pkg-config libcjson-dev libdeflate-dev libgtest-dev libgmock-dev
           libbenchmark-dev clang libclang-rt-14-dev ffmpeg libimage-exiftool-perl tshark
-          systemd file)
+          systemd)
 if [ "$arm64" -eq 1 ]; then
     packages+=(g++-aarch64-linux-gnu qemu-user libcjson-dev:arm64 libdeflate-dev:arm64
                libgtest-dev:arm64 libgmock-dev:arm64 libstdc++6:arm64)
