@@ -8,9 +8,8 @@ cd "$(dirname "$0")/.."
 seconds=${1:-30}
 shift || true
 jobs=$(nproc)
-CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-    -DKORVEL_FUZZ=ON -DKORVEL_TESTS=OFF -DKORVEL_BENCH=OFF >/dev/null
-cmake --build build-fuzz -j"$jobs"
+cmake --preset fuzz >/dev/null      # build-fuzz: clang, KORVEL_FUZZ=ON (CMakePresets.json)
+cmake --build --preset fuzz -j"$jobs"
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
     for f in fuzz/fuzz_*.cpp; do targets+=("$(basename "$f" .cpp)"); done

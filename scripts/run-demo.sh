@@ -16,8 +16,8 @@ for arg in "$@"; do
 done
 
 "$root/scripts/deps.sh"
-cmake -S "$root" -B "$root/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build "$root/build" --target korvel-server korvel-app -j"$(nproc)"
+(cd "$root" && cmake --preset native >/dev/null &&
+    cmake --build --preset native --target korvel-server korvel-app -j"$(nproc)")
 
 if [ "$fresh" -eq 1 ]; then
     rm -rf /tmp/SD0
