@@ -122,6 +122,7 @@ protected:
     std::deque<HandlerTask> replyQueue;  // taskMutex; written before the next task starts
     size_t taskBytes = 0;                // taskMutex
     size_t replyBytes = 0;               // taskMutex
+    std::atomic<bool> repliesPending{false};  // set and cleared under taskMutex; read without
     std::shared_ptr<Fence> dispatchFence;  // main
 };
 

@@ -98,15 +98,15 @@ void Handler::threadEntrance(Handler* h) {
 }
 
 void Handler::flush_replies() {
-    for (;;) {
+    // Called between the packets of every burst: the flag keeps that path free of the lock
+    // and of the deque's allocation while the loop has handed nothing over.
+    while (repliesPending.load(std::memory_order_acquire)) {
         std::deque<HandlerTask> batch;
         {
             std::lock_guard<std::mutex> lock(taskMutex);
-            if (replyQueue.empty()) {
-                return;
-            }
             batch.swap(replyQueue);
             replyBytes = 0;
+            repliesPending = false;
         }
         for (HandlerTask& reply : batch) {
             if (reply.fence) {
@@ -144,6 +144,7 @@ bool Handler::queue_reply(HandlerTask reply) {
     }
     replyQueue.push_back(std::move(reply));
     replyBytes += c;
+    repliesPending = true;
     taskCond.notify_all();
     return true;
 }

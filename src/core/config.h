@@ -20,7 +20,7 @@ constexpr int LOOP_PASS_MS = 5000;  // the longest a loop pass waits for activit
 // about 40 KiB; a connection up to one parked packet (64 KiB). A camera serves a handful
 // of apps; the caps leave room for the 50-app load test and its misbehaving sessions.
 constexpr size_t MAX_EVENT_BASES = 64;
-constexpr size_t MAX_RETIRING_EVENT_BASES = 64;  // released, their workers still ending
+constexpr size_t MAX_RETIRING_EVENT_BASES = 128;  // released, their workers still ending
 constexpr size_t MAX_CONNECTIONS = 128;
 // A connection that has sat in the middle of one packet this long is closed.
 constexpr int PACKET_IDLE_TIMEOUT_MS = 10000;
