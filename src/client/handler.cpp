@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "client/event_base.h"
+#include "log/log.h"
 
 namespace korvel {
 
@@ -40,8 +41,14 @@ Handler::Handler() = default;
 
 // The most-derived destructor has stopped the worker; this only covers an object whose
 // worker never started or was stopped by its owner, and joins nothing in that case.
+// No stop_worker here: by now the derived class is gone, and a worker still running would
+// call process() on it. The most-derived destructor stops the worker; one that did not is a
+// bug to find at once, not a race to hide.
 Handler::~Handler() {
-    stop_worker();
+    if (workerThread && workerThread->joinable()) {
+        log_fatal(LOG_CODE_ABORT, "[ERROR],%sworker still running\n",
+                  "virtual korvel::Handler::~Handler()");
+    }
 }
 
 bool Handler::start_worker() {
