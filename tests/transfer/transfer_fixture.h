@@ -97,20 +97,15 @@ protected:
         }
         return out;
     }
-    // Hands a data packet to its handler as the loop would (header in host order).
+    // Hands a data packet to the loop's dispatcher (header in host order); configuration,
+    // download and metadata requests are answered there, on this thread.
     Replies request(uint8_t msgType, const std::string& payload) {
         CPacket p;
         std::vector<uint8_t> w = app::encode_packet(0, 1, msgType, 7, 1, 0, 0, payload.data(),
                                                     static_cast<uint32_t>(payload.size()));
         memcpy(p.buffer(), w.data(), w.size());
         p.unpackHeader();
-        if (msgType == MSG_CONFIG) {
-            eb->process_data_file_config(sv[0], p);
-        } else {
-            (eb.get()->*(msgType == MSG_DOWNLOAD ? &CEventBase::process_data_file_download
-                                                 : &CEventBase::process_data_file_metadata))(sv[0],
-                                                                                             p);
-        }
+        eb->event_base_process_data(sv[0], p);
         return replies();
     }
     uint32_t configure(uint16_t packsize, uint16_t blocks, const std::string& text = "",
