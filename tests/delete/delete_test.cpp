@@ -1,6 +1,7 @@
 // The delete request as the worker runs it (replies over a socketpair, queued paths in a
-// deleter never started), then the deleter thread alone. A holding directory that cannot be
-// made is a fault test (a full card); arbitrary request texts are fuzz_delete's.
+// deleter never started). The deleter thread's removals are the hostile-file test's (held
+// deletes finished at start-up); a holding directory that cannot be made is the full-card
+// fault test's; arbitrary request texts are fuzz_delete's.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -122,24 +123,6 @@ TEST_F(DeleteRequestTest, NothingOffTheLocationIsRenamedOrUnlinked) {
         EXPECT_EQ(testsupport::read_file(s), "keep") << s;
     }
     EXPECT_THAT(queued.pendingNames, IsEmpty());
-}
-
-TEST(Deleter, PassesOverMissingAndEmptyPathsAndStopsEvenRightAfterStart) {
-    testsupport::TempDir dir;
-    testsupport::write_file(dir.file("V.MP4"), "x");
-    testing_seam::set_sd_root(dir.path().c_str());  // the deleter only removes files on the card
-    {
-        DWF_DELHandler d;
-        d.queue_path(dir.file("never-there.MP4"));
-        d.queue_path("");  // a wake-up text: removes nothing and must not end the thread
-        d.queue_path(dir.file("V.MP4"));
-        d.start();
-        EXPECT_TRUE(testsupport::eventually([&] { return !exists(dir.file("V.MP4")); }));
-    }
-    for (int i = 0; i < 200; ++i) {  // the thread may not run yet; join() must still return
-        DWF_DELHandler d;
-        d.start();
-    }
 }
 
 }  // namespace
