@@ -43,10 +43,6 @@ protected:
         TransferTest::TearDown();
         mdeletehanlder = nullptr;
     }
-    void set_location(const std::string& loc) {
-        korvel::MutexLock lock(eb->locationMutex);
-        snprintf(eb->resourceLocation, sizeof eb->resourceLocation, "%s", loc.c_str());
-    }
     // One request as the worker runs it; returns the codes of its replies.
     std::vector<uint16_t> run(std::string json) {
         eb->process_file_delete(sv[0], &json[0]);
@@ -115,7 +111,7 @@ TEST_F(DeleteRequestTest, NothingOffTheLocationIsRenamedOrUnlinked) {
     EXPECT_EQ(entries_in(outside + "/hold"), 0u);
     EXPECT_FALSE(exists(in_media("V.MP4")));
     // Before any configuration the location is empty and every name is refused.
-    set_location("");
+    eb.reset(new CEventBase);
     put_media({"IMG.JPG"});
     EXPECT_THAT(run(R"({"media":["100MEDIA-IMG.JPG"]})"), ElementsAre(ACK_DONE, ACK_BAD_NAME));
     EXPECT_TRUE(exists(in_media("IMG.JPG")));

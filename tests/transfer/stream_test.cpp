@@ -33,10 +33,8 @@ TEST_F(Stream, RequestsWalkTheFileWithMarkersAndRegionOffsets) {
         uint32_t first, bytes, readOffset, mapoff;
     } cases[] = {
         {5000, 3000, 3, {3}, 5000, 3000, 8000, 0},  // inside the region mapped on download
-        {20000, 3000, 3, {3}, 3616, 3000, 23000, 16384},
         {17000, 0, 3, {2, 2, 2, 2}, 616, 16384, 33384, 16384},
         {0, 0, 3, {0, 0, 0, 2}, 0, 16384, 16384, 0},
-        {16384, 0, 3, {2, 2, 2, 2}, 0, 16384, 32768, 16384},
         {32768, 0, 6, {2, 3}, 0, 7232, 40000, 32768},
         {40000, 0, 3, {}, 0, 0, 40000, 32768},  // nothing left: no packet, no reply
         {0, 1000, 3, {1}, 0, 1000, 1000, 0},
@@ -84,7 +82,7 @@ TEST_F(Stream, PagesLostMidBurstEndTheBurstWithFailure) {
     EXPECT_EQ(r.end, BurstEnd::SourceLost);
     Replies got = replies();
     ASSERT_EQ(got.size(), 2u);
-    EXPECT_EQ(bytes_of(got[0]), data.substr(0, 4096));
+    EXPECT_EQ(std::string(got[0].payload.begin(), got[0].payload.end()), data.substr(0, 4096));
     EXPECT_EQ(answer({got[1]}, 3), ACK_FAILED);
     EXPECT_EQ(answer(chunk(4096, 0), 3), ACK_FAILED);
 }

@@ -28,10 +28,6 @@ using Replies = std::vector<app::Reply>;
 
 using testsupport::pattern;
 
-inline std::string bytes_of(const app::Reply& r) {
-    return std::string(r.payload.begin(), r.payload.end());
-}
-
 // The bytes of a burst: packets of 4096 bytes but the last, header offsets from `first` on.
 inline std::string burst(const Replies& r, uint32_t msgType, const std::vector<uint32_t>& markers,
                          uint32_t first = 0) {
@@ -42,7 +38,7 @@ inline std::string burst(const Replies& r, uint32_t msgType, const std::vector<u
         EXPECT_EQ(std::make_tuple(r[i].reqType, r[i].msgType, r[i].marker, r[i].offset, full),
                   std::make_tuple(0u, msgType, markers[i], first + 4096 * uint32_t(i), true))
             << i;
-        text += bytes_of(r[i]);
+        text.append(r[i].payload.begin(), r[i].payload.end());
     }
     return text;
 }
