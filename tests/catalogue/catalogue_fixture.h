@@ -2,15 +2,20 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <cjson/cJSON.h>
 
+#include "app/client.h"
 #include "catalogue/catalogue.h"
 #include "client/event_base.h"
 #include "core/config.h"
@@ -71,6 +76,46 @@ protected:
     std::string card = tmp.file("card"), location = card + "/DCIM";
     std::unique_ptr<CEventBase> ev;
     Json media;
+};
+
+using Seen = std::tuple<uint32_t, uint32_t, size_t>;  // marker, offset, length of a packet
+
+// The catalogue task as the worker runs it, an app on the far end of a socketpair.
+class DeliveryTest : public CatalogueTest {
+protected:
+    void SetUp() override {
+        CatalogueTest::SetUp();
+        int sv[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+        serverFd = sv[0];
+        app.adopt_fd(sv[1]);
+        add_all("100MEDIA", {"IMG_0001.JPG", "IMG_0001.thm", "VID_0002.MP4"});
+    }
+    void TearDown() override { close(serverFd); }
+    // One catalogue task as the worker runs it; payloads checked against the cached text.
+    std::vector<Seen> request(uint8_t marker, uint16_t type, uint32_t offset) {
+        HandlerTask task;
+        task.type = TASK_CATALOGUE;
+        task.fd = serverFd;
+        task.marker = marker;
+        task.value = type;
+        task.offset = offset;
+        ev->process(task);
+        std::vector<Seen> seen;
+        struct pollfd p = {app.fd(), POLLIN, 0};
+        for (got.clear(); poll(&p, 1, 0) > 0; got.push_back(reply)) {
+            EXPECT_EQ(app.read_reply(reply, 1000), app::CLIENT_OK);
+            EXPECT_TRUE(reply.crcOk && reply.msgType == 0);
+            EXPECT_EQ(std::string(reply.payload.begin(), reply.payload.end()),
+                      ev->catalogueText.substr(reply.offset, reply.payload.size()));
+            seen.emplace_back(reply.marker, reply.offset, reply.payload.size());
+        }
+        return seen;
+    }
+    app::Reply reply;
+    std::vector<app::Reply> got;
+    int serverFd = -1;
+    app::Client app;
 };
 
 }  // namespace cataloguetest

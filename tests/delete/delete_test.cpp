@@ -1,6 +1,7 @@
 // The delete request as the worker runs it (replies over a socketpair, queued paths in a
-// deleter never started, trace lines from standard output), then the deleter thread alone.
-// A holding directory that cannot be made is a fault test (a full card).
+// deleter never started). The deleter thread's removals are the hostile-file test's (held
+// deletes finished at start-up); a holding directory that cannot be made is the full-card
+// fault test's; arbitrary request texts are fuzz_delete's.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -9,7 +10,6 @@
 
 #include <filesystem>
 #include <memory>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -18,6 +18,7 @@
 #include "core/packet.h"
 #include "delete/deleter.h"
 #include "support/temp_dir.h"
+#include "transfer/transfer_fixture.h"
 
 namespace korvel {
 namespace {
@@ -26,49 +27,30 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using testsupport::exists;
 
-size_t count_of(const std::string& text, const std::string& what) {
-    std::regex re(what);
-    return std::distance(std::sregex_iterator(text.begin(), text.end(), re), {});
-}
-
 size_t entries_in(const std::string& dir) {
     std::error_code ec;
     return std::distance(std::filesystem::directory_iterator(dir, ec), {});
 }
 
-class DeleteRequestTest : public ::testing::Test {
+class DeleteRequestTest : public transfertest::TransferTest {
 protected:
     void SetUp() override {
-        testsupport::make_dirs(media);
+        TransferTest::SetUp();
         testsupport::make_dirs(outside);
-        testing_seam::set_sd_root(card.c_str());
-        testsupport::write_file(card + "/krv_log.conf", "1,0\n");
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
         mdeletehanlder = &queued;
-        set_location(dcim);
     }
     void TearDown() override {
-        ev.reset();
+        TransferTest::TearDown();
         mdeletehanlder = nullptr;
-        close(sv[0]);
-        close(sv[1]);
     }
-    void set_location(const std::string& loc) {
-        korvel::MutexLock lock(ev->locationMutex);
-        snprintf(ev->resourceLocation, sizeof ev->resourceLocation, "%s", loc.c_str());
-    }
-    // One request as the worker runs it; returns the codes of its replies, trace in `out`.
+    // One request as the worker runs it; returns the codes of its replies.
     std::vector<uint16_t> run(std::string json) {
-        testing::internal::CaptureStdout();
-        ev->process_file_delete(sv[0], &json[0]);
-        out = testing::internal::GetCapturedStdout();
+        eb->process_file_delete(sv[0], &json[0]);
         std::vector<uint16_t> codes;
-        CPacket p;
-        struct pollfd pfd = {sv[1], POLLIN, 0};
-        while (poll(&pfd, 1, 0) > 0 && p.readFrom(sv[1]) > 0) {
-            EXPECT_EQ(p.getReqType() << 16 | p.getMarker() << 8 | p.getMsgType(), 0x10101u);
-            EXPECT_EQ(p.getOffset() | p.getAckValue() | p.getAckFlag() << 16, 0x10000u);
-            codes.push_back(static_cast<uint16_t>(p.getAckCode()));
+        for (const app::Reply& r : replies()) {
+            EXPECT_EQ(std::make_tuple(r.reqType, r.marker, r.msgType, r.offset, r.ackValue),
+                      std::make_tuple(1u, 1u, 1u, 0u, 0u));
+            codes.push_back(static_cast<uint16_t>(r.ackCode));
         }
         return codes;
     }
@@ -80,12 +62,8 @@ protected:
         }
     }
 
-    testsupport::TempDir tmp;
-    std::string card = tmp.file("card"), dcim = card + "/DCIM", media = dcim + "/100MEDIA";
-    std::string outside = tmp.file("outside"), out;
-    int sv[2] = {-1, -1};
+    std::string dcim = location, media = dcim + "/100MEDIA", outside = tmp.file("outside");
     DWF_DELHandler queued;
-    std::unique_ptr<CEventBase> ev{new CEventBase()};
 };
 
 TEST_F(DeleteRequestTest, CompanionsFollowTheirPhotoOrVideoAndOtherNamesAreSkipped) {
@@ -112,18 +90,6 @@ TEST_F(DeleteRequestTest, CompanionsFollowTheirPhotoOrVideoAndOtherNamesAreSkipp
     // A missing .2nd is still queued; the deleter passes over it.
     EXPECT_THAT(queued.pendingNames, ElementsAre(held("VID_0002.mp4"), held("VID_0002.2nd"),
                                                  held("CLIP.MOV"), held("CLIP.2nd")));
-    EXPECT_EQ(count_of(out, "move: \\[json_file_delete:1114\\]cost time \\d+ms\n"), 1u) << out;
-}
-
-TEST_F(DeleteRequestTest, PayloadsWithoutAMediaArrayGetOnlyTheFirstReply) {
-    put_media({"IMG.JPG"});
-    for (std::string payload : {"not json", R"({"other":["100MEDIA-IMG.JPG"]})",
-                                R"({"media":"100MEDIA-IMG.JPG"})", R"({"media":[]})"}) {
-        EXPECT_THAT(run(payload), ElementsAre(ACK_DONE)) << payload;
-        // Only a "media" array, even an empty one, gets as far as timing.
-        EXPECT_EQ(count_of(out, "cost time"), payload == R"({"media":[]})") << out;
-    }
-    EXPECT_TRUE(exists(in_media("IMG.JPG")));
 }
 
 TEST_F(DeleteRequestTest, NothingOffTheLocationIsRenamedOrUnlinked) {
@@ -145,7 +111,7 @@ TEST_F(DeleteRequestTest, NothingOffTheLocationIsRenamedOrUnlinked) {
     EXPECT_EQ(entries_in(outside + "/hold"), 0u);
     EXPECT_FALSE(exists(in_media("V.MP4")));
     // Before any configuration the location is empty and every name is refused.
-    set_location("");
+    eb.reset(new CEventBase);
     put_media({"IMG.JPG"});
     EXPECT_THAT(run(R"({"media":["100MEDIA-IMG.JPG"]})"), ElementsAre(ACK_DONE, ACK_BAD_NAME));
     EXPECT_TRUE(exists(in_media("IMG.JPG")));
@@ -153,24 +119,6 @@ TEST_F(DeleteRequestTest, NothingOffTheLocationIsRenamedOrUnlinked) {
         EXPECT_EQ(testsupport::read_file(s), "keep") << s;
     }
     EXPECT_THAT(queued.pendingNames, IsEmpty());
-}
-
-TEST(Deleter, PassesOverMissingAndEmptyPathsAndStopsEvenRightAfterStart) {
-    testsupport::TempDir dir;
-    testsupport::write_file(dir.file("V.MP4"), "x");
-    testing_seam::set_sd_root(dir.path().c_str());  // the deleter only removes files on the card
-    {
-        DWF_DELHandler d;
-        d.queue_path(dir.file("never-there.MP4"));
-        d.queue_path("");  // a wake-up text: removes nothing and must not end the thread
-        d.queue_path(dir.file("V.MP4"));
-        d.start();
-        EXPECT_TRUE(testsupport::eventually([&] { return !exists(dir.file("V.MP4")); }));
-    }
-    for (int i = 0; i < 200; ++i) {  // the thread may not run yet; join() must still return
-        DWF_DELHandler d;
-        d.start();
-    }
 }
 
 }  // namespace

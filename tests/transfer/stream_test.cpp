@@ -1,15 +1,13 @@
 // Chunk streams: markers, header offsets counted from the region, readOffset bookkeeping,
-// refusals, lost pages, thumbnail streams and the region lock a download waits on.
+// refusals and lost pages. EXIF thumbnails streamed at every packet size are the soak test's
+// (byte-compared); a download refused while a stream holds the region, the hostile test's.
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "core/mapping_guard.h"
-#include "support/jpeg_builder.h"
 #include "transfer/burst.h"
 #include "transfer_fixture.h"
 
@@ -35,10 +33,8 @@ TEST_F(Stream, RequestsWalkTheFileWithMarkersAndRegionOffsets) {
         uint32_t first, bytes, readOffset, mapoff;
     } cases[] = {
         {5000, 3000, 3, {3}, 5000, 3000, 8000, 0},  // inside the region mapped on download
-        {20000, 3000, 3, {3}, 3616, 3000, 23000, 16384},
         {17000, 0, 3, {2, 2, 2, 2}, 616, 16384, 33384, 16384},
         {0, 0, 3, {0, 0, 0, 2}, 0, 16384, 16384, 0},
-        {16384, 0, 3, {2, 2, 2, 2}, 0, 16384, 32768, 16384},
         {32768, 0, 6, {2, 3}, 0, 7232, 40000, 32768},
         {40000, 0, 3, {}, 0, 0, 40000, 32768},  // nothing left: no packet, no reply
         {0, 1000, 3, {1}, 0, 1000, 1000, 0},
@@ -86,35 +82,9 @@ TEST_F(Stream, PagesLostMidBurstEndTheBurstWithFailure) {
     EXPECT_EQ(r.end, BurstEnd::SourceLost);
     Replies got = replies();
     ASSERT_EQ(got.size(), 2u);
-    EXPECT_EQ(bytes_of(got[0]), data.substr(0, 4096));
+    EXPECT_EQ(std::string(got[0].payload.begin(), got[0].payload.end()), data.substr(0, 4096));
     EXPECT_EQ(answer({got[1]}, 3), ACK_FAILED);
     EXPECT_EQ(answer(chunk(4096, 0), 3), ACK_FAILED);
-}
-
-TEST_F(Stream, ThumbnailStreamsFromTheJpegUntilItsEnd) {
-    data = pattern(9000, 7);
-    add("IMG_0001.JPG", testsupport::jpeg_file(testsupport::camera_plan("M", "N", 8, 8, data)));
-    ASSERT_EQ(answer(download("100MEDIA-IMG_0001.thm"), MSG_DOWNLOAD), 9000u);
-    struct Case {
-        uint32_t readOffset, offset;
-        std::vector<uint32_t> markers;
-    } cases[] = {{0, 0, {0, 0, 1}}, {5, 0, {2, 2, 3}}, {0, 4096, {0, 1}}, {0, 9000, {}}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.offset);
-        eb->readOffset = c.readOffset;
-        eb->transfer_thumbnail_data(sv[0], c.offset);
-        EXPECT_EQ(burst(replies(), 3, c.markers, c.offset), data.substr(c.offset));
-        EXPECT_EQ(eb->readOffset, c.readOffset);
-    }
-}
-
-TEST_F(Stream, DownloadWaitsForARunningStreamThenGivesUp) {
-    std::unique_lock<korvel::Mutex> region(eb->regionMutex);  // as a running chunk stream holds it
-    std::thread main(
-        [&] { EXPECT_EQ(answer(download("100MEDIA-CLIP.MP4"), MSG_DOWNLOAD), ACK_FAILED); });
-    main.join();
-    region.unlock();
-    EXPECT_EQ(answer(download("100MEDIA-CLIP.MP4"), MSG_DOWNLOAD), 40000u);
 }
 
 }  // namespace

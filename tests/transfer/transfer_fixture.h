@@ -28,10 +28,6 @@ using Replies = std::vector<app::Reply>;
 
 using testsupport::pattern;
 
-inline std::string bytes_of(const app::Reply& r) {
-    return std::string(r.payload.begin(), r.payload.end());
-}
-
 // The bytes of a burst: packets of 4096 bytes but the last, header offsets from `first` on.
 inline std::string burst(const Replies& r, uint32_t msgType, const std::vector<uint32_t>& markers,
                          uint32_t first = 0) {
@@ -42,7 +38,7 @@ inline std::string burst(const Replies& r, uint32_t msgType, const std::vector<u
         EXPECT_EQ(std::make_tuple(r[i].reqType, r[i].msgType, r[i].marker, r[i].offset, full),
                   std::make_tuple(0u, msgType, markers[i], first + 4096 * uint32_t(i), true))
             << i;
-        text += bytes_of(r[i]);
+        text.append(r[i].payload.begin(), r[i].payload.end());
     }
     return text;
 }
@@ -97,20 +93,15 @@ protected:
         }
         return out;
     }
-    // Hands a data packet to its handler as the loop would (header in host order).
+    // Hands a data packet to the loop's dispatcher (header in host order); configuration,
+    // download and metadata requests are answered there, on this thread.
     Replies request(uint8_t msgType, const std::string& payload) {
         CPacket p;
         std::vector<uint8_t> w = app::encode_packet(0, 1, msgType, 7, 1, 0, 0, payload.data(),
                                                     static_cast<uint32_t>(payload.size()));
         memcpy(p.buffer(), w.data(), w.size());
         p.unpackHeader();
-        if (msgType == MSG_CONFIG) {
-            eb->process_data_file_config(sv[0], p);
-        } else {
-            (eb.get()->*(msgType == MSG_DOWNLOAD ? &CEventBase::process_data_file_download
-                                                 : &CEventBase::process_data_file_metadata))(sv[0],
-                                                                                             p);
-        }
+        eb->event_base_process_data(sv[0], p);
         return replies();
     }
     uint32_t configure(uint16_t packsize, uint16_t blocks, const std::string& text = "",
