@@ -2,13 +2,10 @@
 // in the middle of a catalogue or a download, a file shrinking under a running burst, a
 // full card during a delete, and an app that stops reading. Each one ends in a reply code
 // or a closed connection, and a well-behaved app is served afterwards.
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -27,65 +24,19 @@ namespace korvel {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using testsupport::run_app;
+using testsupport::pattern;
 constexpr int TIMEOUT_MS = 5000;
 
-using testsupport::pattern;
-
-class Fault : public testing::Test {
+class Fault : public testsupport::ServedCard {
 protected:
-    testsupport::TempDir tmp;
-    std::string root = tmp.file("SD0");
-    std::string media = root + "/DCIM/100MEDIA";
-    std::unique_ptr<testsupport::TestServer> server;
-    uint32_t nextPeer = 0x51000001;
-
-    void start() { server.reset(new testsupport::TestServer(root, tmp.file("cap.xml"))); }
-    void TearDown() override { server.reset(); }
-
-    // With `window`, the receive buffer is fixed before connecting, so the kernel does not
-    // grow it: what the server can queue stays well below a burst.
     void connect(app::Client& c, int window = 0) {
-        c.peerID = nextPeer++;
-        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        ASSERT_GE(fd, 0);
-        if (window > 0) {
-            setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &window, sizeof window);
-        }
-        sockaddr_in sa{};
-        sa.sin_family = AF_INET;
-        sa.sin_port = htons(server->port());
-        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
-        c.adopt_fd(fd);
-    }
-    std::string add(const std::string& name, const std::string& bytes) {
-        testsupport::make_dirs(media);
-        testsupport::write_file(media + "/" + name, bytes);
-        return media + "/" + name;
-    }
-    static void configure(app::Client& c, uint16_t packsize, uint16_t blocks) {
-        app::Reply r;
-        ASSERT_EQ(c.configure(packsize, blocks), app::CLIENT_OK);
-        ASSERT_EQ(c.read_reply_of(MSG_CONFIG, r, TIMEOUT_MS), app::CLIENT_OK);
-        ASSERT_EQ(r.ackCode, ACK_DONE);
+        ASSERT_TRUE(testsupport::connect_app(c, server->port(), peer++, window));
     }
     // A configured session with `name` opened for download; its size.
     static uint32_t open_download(app::Client& c, const std::string& name, uint16_t packsize,
                                   uint16_t blocks) {
-        configure(c, packsize, blocks);
-        app::Reply r;
-        EXPECT_EQ(c.request_download(name), app::CLIENT_OK);
-        EXPECT_EQ(c.read_reply_of(MSG_DOWNLOAD, r, TIMEOUT_MS), app::CLIENT_OK);
-        const std::vector<uint8_t>& b = r.payload;
-        EXPECT_EQ(b.size(), 4u);
-        return b.size() == 4 ? b[0] | b[1] << 8 | b[2] << 16 | uint32_t(b[3]) << 24 : 0;
-    }
-    // After the fault: a fresh app is served, and gets `name` when the card still has it.
-    void clean_app_is_served(const std::string& name = "", const std::string& bytes = "") {
-        EXPECT_EQ(testsupport::clean_session(server->port(), nextPeer, 0, tmp.path(), name, bytes),
-                  "");
-        nextPeer += 2;
+        EXPECT_TRUE(testsupport::configure_app(c, packsize, blocks));
+        return testsupport::download_answer(c, name, TIMEOUT_MS);
     }
 };
 
@@ -96,7 +47,7 @@ TEST_F(Fault, CardRemovedBetweenCataloguePagesStillDeliversTheBuiltCatalogue) {
     start();
     app::Client c;
     connect(c);
-    configure(c, 1024, 2);
+    ASSERT_TRUE(testsupport::configure_app(c, 1024, 2));
     std::string text;
     bool last = false;
     auto page = [&](uint8_t marker) {
@@ -117,14 +68,14 @@ TEST_F(Fault, CardRemovedBetweenCataloguePagesStillDeliversTheBuiltCatalogue) {
     }
     EXPECT_EQ(testsupport::catalogue_entries(text), 300);
     // The next catalogue is built afresh and finds no card.
-    testsupport::AppRun again = run_app(server->port(), {"ls", "--json"});
+    testsupport::AppRun again = app({"ls", "--json"});
     EXPECT_EQ(again.rc, 0) << again.err;
     EXPECT_EQ(testsupport::catalogue_entries(again.out), 0);
 }
 
 TEST_F(Fault, CardRemovedDuringTheWalkGivesAWholeCatalogueOfWhatWasLeft) {
     for (int d = 0; d < 40; ++d) {
-        std::string dir = root + "/DCIM/" + std::to_string(100 + d) + "MEDIA";
+        std::string dir = dcim + "/" + std::to_string(100 + d) + "MEDIA";
         testsupport::make_dirs(dir);
         for (int i = 0; i < 100; ++i) {
             testsupport::write_file(dir + "/IMG_" + std::to_string(1000 + i) + ".JPG", "x");
@@ -132,14 +83,14 @@ TEST_F(Fault, CardRemovedDuringTheWalkGivesAWholeCatalogueOfWhatWasLeft) {
     }
     start();
     std::thread pull([&] { testsupport::remove_tree(root); });
-    testsupport::AppRun cat = run_app(server->port(), {"--packsize", "65535", "ls", "--json"});
+    testsupport::AppRun cat = app({"--packsize", "65535", "ls", "--json"});
     pull.join();
     // Whatever the walk still saw, the text is whole and well formed.
     ASSERT_EQ(cat.rc, 0) << cat.err;
     int entries = testsupport::catalogue_entries(cat.out);
     EXPECT_GE(entries, 0);
     EXPECT_LE(entries, 4000);
-    clean_app_is_served();
+    expect_served();
 }
 
 TEST_F(Fault, CardRemovedMidDownloadStillDeliversTheOpenFile) {
@@ -163,7 +114,7 @@ TEST_F(Fault, CardRemovedMidDownloadStillDeliversTheOpenFile) {
         }
     }
     EXPECT_TRUE(got == bytes);
-    clean_app_is_served();
+    expect_served();
 }
 
 // The app holds back its reads, so the burst is still being built when the file shrinks;
@@ -201,7 +152,7 @@ TEST_F(Fault, FileShrunkDuringABurstEndsTheBurstAndTheServerGoesOn) {
         received += r.payload.size();
     }
     EXPECT_LT(received, 65535ull * 320);
-    clean_app_is_served();
+    expect_served();
 }
 
 // A card so full that not even a directory fits: the holding directory cannot be made,
@@ -224,7 +175,7 @@ TEST_F(Fault, FullCardDuringADeleteUnlinksDirectly) {
     }
     ASSERT_LT(fillers, 64) << "the card never filled up";
     start();
-    testsupport::AppRun rm = run_app(server->port(), {"rm", "100MEDIA-VID_0001.MP4"});
+    testsupport::AppRun rm = app({"rm", "100MEDIA-VID_0001.MP4"});
     EXPECT_EQ(rm.rc, app::EXIT_BAD_LOCATION);
     EXPECT_EQ(rm.out, "ack: done (0xFB00)\nack: bad location (0xFB10)\n");
     // The unlinks follow the reply.
@@ -232,7 +183,7 @@ TEST_F(Fault, FullCardDuringADeleteUnlinksDirectly) {
         testsupport::eventually([&] { return !testsupport::exists(media + "/VID_0001.2nd"); }));
     EXPECT_FALSE(testsupport::exists(media + "/VID_0001.MP4"));
     EXPECT_TRUE(testsupport::exists(root + "/fill0"));
-    clean_app_is_served();
+    expect_served();
     server.reset();  // before the card is unmounted
 }
 
@@ -252,7 +203,7 @@ TEST_F(Fault, AppThatNeverReadsIsDroppedAndOthersAreServed) {
     Clock::time_point stalledAt = Clock::now();
 
     // Served while the stalled stream is blocked on its full socket.
-    clean_app_is_served("100MEDIA-IMG_0001.JPG", photo);
+    expect_served(0, "100MEDIA-IMG_0001.JPG", photo);
     EXPECT_LT(Clock::now() - stalledAt, std::chrono::seconds(5))
         << "the other app waited for the stalled one";
 

@@ -1,11 +1,8 @@
 // Hostile apps against the running server: the process survives, the loop answers a
 // well-behaved app in time, memory stays bounded, and a well-behaved app is served after.
 // Thread and descriptor limits are real, set in a child so this binary's stay untouched.
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <grp.h>
-#include <netinet/in.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -21,7 +18,6 @@
 #include <vector>
 
 #include "app/client.h"
-#include "core/byte_order.h"
 #include "core/config.h"
 #include "core/packet.h"
 #include "support/soak_client.h"
@@ -55,8 +51,7 @@ bool fresh_app_served(uint16_t port, uint32_t peer, int seconds = 5) {
     auto deadline = Clock::now() + std::chrono::seconds(seconds);
     while (Clock::now() < deadline) {
         app::Client c;
-        c.peerID = peer;
-        if (c.connect_to("127.0.0.1", port, 1000) == app::CLIENT_OK && worst_of(c) >= 0) {
+        if (testsupport::connect_app(c, port, peer) && worst_of(c) >= 0) {
             return true;
         }
     }
@@ -74,8 +69,7 @@ Apps open_apps(uint16_t port, size_t n, uint32_t firstPeer, bool query,
             worst_of(*pacer);
         }
         std::unique_ptr<app::Client> c(new app::Client);
-        c->peerID = firstPeer + static_cast<uint32_t>(i);
-        if (c->connect_to("127.0.0.1", port, 3000) != app::CLIENT_OK) {
+        if (!testsupport::connect_app(*c, port, firstPeer + static_cast<uint32_t>(i))) {
             if (errno == EMFILE) {
                 break;  // the descriptor attack has what it wanted
             }
@@ -158,8 +152,7 @@ std::string descriptor_limit_case() {
     testsupport::TempDir tmp;
     testsupport::TestServer server(tmp.path());
     app::Client good;
-    good.peerID = 7;
-    if (good.connect_to("127.0.0.1", server.port()) != 0 || worst_of(good) < 0) {
+    if (!testsupport::connect_app(good, server.port(), 7) || worst_of(good) < 0) {
         return "the good app is not served before the attack";
     }
     rlimit lim{};
@@ -181,7 +174,8 @@ std::string descriptor_limit_case() {
 TEST(Hostile, ResourceLimitsRefuseTheAttackerAndTheServerGoesOn) {
     testing::FLAGS_gtest_death_test_style = "threadsafe";
     using Case = std::pair<const char*, std::string (*)()>;
-    for (const Case& c : {Case{"threads", thread_limit_case}, Case{"descriptors", descriptor_limit_case}}) {
+    for (const Case& c :
+         {Case{"threads", thread_limit_case}, Case{"descriptors", descriptor_limit_case}}) {
         SCOPED_TRACE(c.first);
         EXPECT_EXIT(
             {
@@ -195,21 +189,9 @@ TEST(Hostile, ResourceLimitsRefuseTheAttackerAndTheServerGoesOn) {
 
 // An app with a 4 KiB receive window that starts a 200 MiB burst and never reads.
 void start_slow_stream(app::Client& slow, uint16_t port) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0), window = 4096;
-    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &window, sizeof window);
-    sockaddr_in sa{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
-    slow.adopt_fd(fd);
-    slow.peerID = 9;
-    app::Reply r;
-    ASSERT_EQ(slow.configure(65535, 3200), app::CLIENT_OK);
-    ASSERT_EQ(slow.read_reply_of(MSG_CONFIG, r), app::CLIENT_OK);
-    ASSERT_EQ(r.ackCode, ACK_DONE);
-    ASSERT_EQ(slow.request_download("100MEDIA-VID_0001.MP4"), app::CLIENT_OK);
-    ASSERT_EQ(slow.read_reply_of(MSG_DOWNLOAD, r), app::CLIENT_OK);
-    ASSERT_EQ(r.payload.size(), 4u);
-    uint32_t size = load_le32(r.payload.data());
-    ASSERT_EQ(size, 200u << 20);
+    ASSERT_TRUE(testsupport::connect_app(slow, port, 9, 4096));
+    ASSERT_TRUE(testsupport::configure_app(slow, 65535, 3200));
+    ASSERT_EQ(testsupport::download_answer(slow, "100MEDIA-VID_0001.MP4"), 200u << 20);
     ASSERT_EQ(slow.ctrl(MSG_CHUNK), app::CLIENT_OK);
 }
 
@@ -220,13 +202,11 @@ TEST(Hostile, StalledWorkerAndFloodsHoldOnlyTheAttacker) {
     testsupport::TempDir tmp;
     std::string media = tmp.file("SD0/DCIM/100MEDIA");
     testsupport::make_dirs(media);
-    int fd = open((media + "/VID_0001.MP4").c_str(), O_CREAT | O_WRONLY, 0644);
-    ASSERT_EQ(ftruncate(fd, 200 << 20), 0);  // sparse: a 200 MiB burst costs no disk
-    close(fd);
+    testsupport::write_file(media + "/VID_0001.MP4", "");
+    ASSERT_EQ(truncate((media + "/VID_0001.MP4").c_str(), 200 << 20), 0);  // sparse: costs no disk
     testsupport::TestServer server(tmp.file("SD0"));
     app::Client good, slow;
-    good.peerID = 7;
-    ASSERT_EQ(good.connect_to("127.0.0.1", server.port()), app::CLIENT_OK);
+    ASSERT_TRUE(testsupport::connect_app(good, server.port(), 7));
     start_slow_stream(slow, server.port());
     std::vector<uint8_t> bad = app::encode_packet(1, 1, MSG_POSITION, 50, 9, 0, 0, "\0\0\0\0", 4);
     bad.back() ^= 0xFF;
@@ -246,8 +226,8 @@ TEST(Hostile, StalledWorkerAndFloodsHoldOnlyTheAttacker) {
     for (int i = 0; i < 400; ++i) {
         slow.request_delete(names);  // the worker is held by the stream: all of it queues
     }
-    std::vector<uint8_t> half = app::encode_packet(0, 1, MSG_DELETE, 1, 5, 0, 0,
-                                                   std::string(65000, 'y').data(), 65000);
+    std::vector<uint8_t> half =
+        app::encode_packet(0, 1, MSG_DELETE, 1, 5, 0, 0, std::string(65000, 'y').data(), 65000);
     half.resize(20 + 65000);  // header and payload, never the trailer
     for (auto& c : parked) {
         c->send_raw(half.data(), half.size());
