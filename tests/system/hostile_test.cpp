@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <future>
 #include <memory>
 #include <string>
@@ -106,13 +107,6 @@ size_t refused(Apps& apps, size_t enough) {
     return closed;
 }
 
-long cpu_ms() {
-    rusage u{};
-    getrusage(RUSAGE_SELF, &u);
-    return (u.ru_utime.tv_sec + u.ru_stime.tv_sec) * 1000 +
-           (u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1000;
-}
-
 // As nobody, with RLIMIT_NPROC set so that the server can start about four workers.
 std::string thread_limit_case() {
     rlimit lim{64, 64};
@@ -161,9 +155,9 @@ std::string descriptor_limit_case() {
     setrlimit(RLIMIT_NOFILE, &lim);
     Apps attack = open_apps(server.port(), 60, 100, false);  // until socket() fails too
     long worst = worst_of(good, 20);
-    long cpuMs = -cpu_ms();
+    std::clock_t cpu = std::clock();                              // the whole process's
     std::this_thread::sleep_for(std::chrono::milliseconds(300));  // a window to measure CPU in
-    cpuMs += cpu_ms();
+    long cpuMs = (std::clock() - cpu) * 1000 / CLOCKS_PER_SEC;
     if (worst < 0 || worst > WORST_MS || cpuMs > 150) {
         return "worst " + std::to_string(worst) + " ms, cpu " + std::to_string(cpuMs) + " ms";
     }
@@ -187,14 +181,6 @@ TEST(Hostile, ResourceLimitsRefuseTheAttackerAndTheServerGoesOn) {
     }
 }
 
-// An app with a 4 KiB receive window that starts a 200 MiB burst and never reads.
-void start_slow_stream(app::Client& slow, uint16_t port) {
-    ASSERT_TRUE(testsupport::connect_app(slow, port, 9, 4096));
-    ASSERT_TRUE(testsupport::configure_app(slow, 65535, 3200));
-    ASSERT_EQ(testsupport::download_answer(slow, "100MEDIA-VID_0001.MP4"), 200u << 20);
-    ASSERT_EQ(slow.ctrl(MSG_CHUNK), app::CLIENT_OK);
-}
-
 // While one app's worker is stuck writing a burst nobody reads: its bad checksums and
 // downloads are refused without holding the loop, then its queue and 300 parked half-packets
 // stay within the caps, then more peerIDs than event bases are refused.
@@ -207,7 +193,11 @@ TEST(Hostile, StalledWorkerAndFloodsHoldOnlyTheAttacker) {
     testsupport::TestServer server(tmp.file("SD0"));
     app::Client good, slow;
     ASSERT_TRUE(testsupport::connect_app(good, server.port(), 7));
-    start_slow_stream(slow, server.port());
+    // The slow app has a 4 KiB receive window, starts a 200 MiB burst and never reads.
+    ASSERT_TRUE(testsupport::connect_app(slow, server.port(), 9, 4096));
+    ASSERT_TRUE(testsupport::configure_app(slow, 65535, 3200));
+    ASSERT_EQ(testsupport::download_answer(slow, "100MEDIA-VID_0001.MP4"), 200u << 20);
+    ASSERT_EQ(slow.ctrl(MSG_CHUNK), app::CLIENT_OK);
     std::vector<uint8_t> bad = app::encode_packet(1, 1, MSG_POSITION, 50, 9, 0, 0, "\0\0\0\0", 4);
     bad.back() ^= 0xFF;
     long worst = 0;
