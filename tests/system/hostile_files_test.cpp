@@ -52,9 +52,6 @@ protected:
         ASSERT_TRUE(connect_app(c, server->port(), peer++));
         ASSERT_TRUE(configure_app(c, 4096, 16, kWaitMs));
     }
-    uint32_t download_answer(const std::string& name) {
-        return testsupport::download_answer(c, name, kWaitMs);
-    }
     // korvel-app's output, or its exit code when it fails.
     std::string app_out(std::vector<std::string> args) {
         AppRun run = app(args);
@@ -80,7 +77,7 @@ TEST_F(HostileFiles, LinksNeverReachOffTheCard) {
         testing_seam::force_component_walk(walk);
         for (const char* name : {"105MEDIA-IMG_0001.JPG", "105MEDIA-IMG_0001.thm",
                                  "100MEDIA-LINK.JPG", "100MEDIA-LINK.thm", "100MEDIA-LINK.MP4"}) {
-            EXPECT_EQ(download_answer(name), ACK_NOT_FOUND) << name << " walk " << walk;
+            EXPECT_EQ(download_answer(c, name), ACK_NOT_FOUND) << name << " walk " << walk;
             EXPECT_EQ(metadata(name), NOT_FOUND) << name << " walk " << walk;
         }
         EXPECT_THAT(catalogue(), AllOf(HasSubstr("GOOD.JPG"), Not(HasSubstr("LINK")),
@@ -106,7 +103,7 @@ TEST_F(HostileFiles, FifosAreMissingFilesAndNothingWaitsOnThem) {
     ASSERT_EQ(mkfifo(tmp.file("cap.xml").c_str(), 0600), 0);
     start();
     for (const char* name : {"100MEDIA-IMG_0001.JPG", "100MEDIA-IMG_0001.thm"}) {
-        EXPECT_EQ(download_answer(name), ACK_NOT_FOUND) << name;
+        EXPECT_EQ(download_answer(c, name), ACK_NOT_FOUND) << name;
         EXPECT_EQ(metadata(name), NOT_FOUND) << name;
     }
     app::Reply cap;
@@ -166,8 +163,8 @@ TEST_F(HostileFiles, FilesOf4GiBOrMoreAreRefusedNotCut) {
     ASSERT_EQ(truncate(add("HUGE.MP4", "").c_str(), off_t(hugeSize)), 0);  // sparse
     ASSERT_EQ(truncate(add("EDGE.MP4", "").c_str(), off_t(UINT32_MAX)), 0);
     start();
-    EXPECT_EQ(download_answer("100MEDIA-HUGE.MP4"), ACK_TOO_LARGE);
-    EXPECT_EQ(download_answer("100MEDIA-EDGE.MP4"), UINT32_MAX);  // the largest announceable
+    EXPECT_EQ(download_answer(c, "100MEDIA-HUGE.MP4"), ACK_TOO_LARGE);
+    EXPECT_EQ(download_answer(c, "100MEDIA-EDGE.MP4"), UINT32_MAX);  // the largest announceable
     std::string size = "\"fileSize\":\t\"" + std::to_string(hugeSize) + "\"";
     EXPECT_THAT(catalogue(), HasSubstr(size));
     EXPECT_THAT(metadata("100MEDIA-HUGE.MP4"), HasSubstr(size));

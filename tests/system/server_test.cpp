@@ -19,9 +19,6 @@ protected:
         ServedCard::SetUp();
         start();
     }
-    void connect(app::Client& c, uint32_t id) {
-        ASSERT_TRUE(testsupport::connect_app(c, server->port(), id));
-    }
     // The position query: a one-packet reply whose peerID field is the serving event
     // base's packet identity, so a fresh event base shows as a new identity.
     static uint32_t identity(app::Client& c, uint32_t seq, uint32_t id) {
@@ -41,7 +38,7 @@ protected:
 
 TEST_F(Server, StaleSequenceIsDroppedAndBadChecksumAnswered) {
     app::Client c;
-    connect(c, 7);
+    ASSERT_TRUE(testsupport::connect_app(c, server->port(), 7));
     identity(c, 10, 7);
     expect_dropped(c, 9, "a lower seqNO gets no reply");
     identity(c, 10, 7);
@@ -59,8 +56,8 @@ TEST_F(Server, StaleSequenceIsDroppedAndBadChecksumAnswered) {
 
 TEST_F(Server, EventBasesFollowPeerIDsAcrossConnections) {
     app::Client a, b, ones;
-    connect(a, 7);
-    connect(b, 7);
+    ASSERT_TRUE(testsupport::connect_app(a, server->port(), 7));
+    ASSERT_TRUE(testsupport::connect_app(b, server->port(), 7));
     uint32_t first = identity(a, 1, 7);
     EXPECT_EQ(identity(b, 2, 7), first) << "one peerID, one event base";
     identity(a, 3, 9);  // a switches: the event base of 7 goes
@@ -74,7 +71,7 @@ TEST_F(Server, EventBasesFollowPeerIDsAcrossConnections) {
     EXPECT_NE(identity(a, 1, 9), beforeQuit) << "quit keeps the connection, not the event base";
 
     // peerID 0xFFFFFFFF is a peer like any other, released by the last-package notice.
-    connect(ones, 0xFFFFFFFFu);
+    ASSERT_TRUE(testsupport::connect_app(ones, server->port(), 0xFFFFFFFFu));
     uint32_t one = identity(ones, 1, 0xFFFFFFFFu);
     ASSERT_EQ(ones.send_ctrl(0xFFFFFFFFu, 2, MSG_CATALOGUE, MARKER_LAST, 0, 1, 0, ACK_END_OF_DATA),
               app::CLIENT_OK);
@@ -94,7 +91,7 @@ TEST_F(Server, DescriptorsAbove1024AreServed) {
         filler.push_back(dup(0));
     }
     app::Client c;
-    connect(c, 5);
+    ASSERT_TRUE(testsupport::connect_app(c, server->port(), 5));
     EXPECT_GE(c.fd(), 1024);
     identity(c, 1, 5);
     identity(c, 2, 5);
