@@ -1,11 +1,12 @@
 #include "support/soak_client.h"
 
-#include <dirent.h>
 #include <malloc.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <iterator>
 #include <memory>
 
 #include <cjson/cJSON.h>
@@ -63,14 +64,9 @@ int catalogue_entries(const std::string& text) {
 }
 
 int open_fd_count() {
-    int n = 0;
-    if (DIR* d = opendir("/proc/self/fd")) {
-        while (dirent* e = readdir(d)) {
-            n += e->d_name[0] != '.';
-        }
-        closedir(d);
-    }
-    return n - 1;  // the directory stream's own descriptor
+    namespace fs = std::filesystem;
+    // Less the directory stream's own descriptor.
+    return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), {})) - 1;
 }
 
 long heap_in_use_kib() {

@@ -2,13 +2,10 @@
 // in the middle of a catalogue or a download, a file shrinking under a running burst, a
 // full card during a delete, and an app that stops reading. Each one ends in a reply code
 // or a closed connection, and a well-behaved app is served afterwards.
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -27,65 +24,25 @@ namespace korvel {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using testsupport::run_app;
+using testsupport::pattern;
 constexpr int TIMEOUT_MS = 5000;
 
-using testsupport::pattern;
-
-class Fault : public testing::Test {
+class Fault : public testsupport::ServedCard {
 protected:
-    testsupport::TempDir tmp;
-    std::string root = tmp.file("SD0");
-    std::string media = root + "/DCIM/100MEDIA";
-    std::unique_ptr<testsupport::TestServer> server;
-    uint32_t nextPeer = 0x51000001;
-
-    void start() { server.reset(new testsupport::TestServer(root, tmp.file("cap.xml"))); }
-    void TearDown() override { server.reset(); }
-
-    // With `window`, the receive buffer is fixed before connecting, so the kernel does not
-    // grow it: what the server can queue stays well below a burst.
-    void connect(app::Client& c, int window = 0) {
-        c.peerID = nextPeer++;
-        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        ASSERT_GE(fd, 0);
-        if (window > 0) {
-            setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &window, sizeof window);
-        }
-        sockaddr_in sa{};
-        sa.sin_family = AF_INET;
-        sa.sin_port = htons(server->port());
-        sa.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa), 0);
-        c.adopt_fd(fd);
-    }
-    std::string add(const std::string& name, const std::string& bytes) {
-        testsupport::make_dirs(media);
-        testsupport::write_file(media + "/" + name, bytes);
-        return media + "/" + name;
-    }
-    static void configure(app::Client& c, uint16_t packsize, uint16_t blocks) {
-        app::Reply r;
-        ASSERT_EQ(c.configure(packsize, blocks), app::CLIENT_OK);
-        ASSERT_EQ(c.read_reply_of(MSG_CONFIG, r, TIMEOUT_MS), app::CLIENT_OK);
-        ASSERT_EQ(r.ackCode, ACK_DONE);
-    }
     // A configured session with `name` opened for download; its size.
     static uint32_t open_download(app::Client& c, const std::string& name, uint16_t packsize,
                                   uint16_t blocks) {
-        configure(c, packsize, blocks);
-        app::Reply r;
-        EXPECT_EQ(c.request_download(name), app::CLIENT_OK);
-        EXPECT_EQ(c.read_reply_of(MSG_DOWNLOAD, r, TIMEOUT_MS), app::CLIENT_OK);
-        const std::vector<uint8_t>& b = r.payload;
-        EXPECT_EQ(b.size(), 4u);
-        return b.size() == 4 ? b[0] | b[1] << 8 | b[2] << 16 | uint32_t(b[3]) << 24 : 0;
+        EXPECT_TRUE(testsupport::configure_app(c, packsize, blocks));
+        return testsupport::download_answer(c, name, TIMEOUT_MS);
     }
-    // After the fault: a fresh app is served, and gets `name` when the card still has it.
-    void clean_app_is_served(const std::string& name = "", const std::string& bytes = "") {
-        EXPECT_EQ(testsupport::clean_session(server->port(), nextPeer, 0, tmp.path(), name, bytes),
-                  "");
-        nextPeer += 2;
+    // Reads data until something else comes: the refusal's code, or how the read failed.
+    static int drain(app::Client& c, uint64_t& received, int ms) {
+        app::Reply r;
+        int rr;
+        while ((rr = c.read_reply(r, ms)) == app::CLIENT_OK && r.reqType == REQ_DATA) {
+            received += r.payload.size();
+        }
+        return rr == app::CLIENT_OK ? int(r.ackCode) : rr;
     }
 };
 
@@ -95,8 +52,8 @@ TEST_F(Fault, CardRemovedBetweenCataloguePagesStillDeliversTheBuiltCatalogue) {
     }
     start();
     app::Client c;
-    connect(c);
-    configure(c, 1024, 2);
+    ASSERT_TRUE(testsupport::connect_app(c, server->port(), peer++));
+    ASSERT_TRUE(testsupport::configure_app(c, 1024, 2));
     std::string text;
     bool last = false;
     auto page = [&](uint8_t marker) {
@@ -117,14 +74,14 @@ TEST_F(Fault, CardRemovedBetweenCataloguePagesStillDeliversTheBuiltCatalogue) {
     }
     EXPECT_EQ(testsupport::catalogue_entries(text), 300);
     // The next catalogue is built afresh and finds no card.
-    testsupport::AppRun again = run_app(server->port(), {"ls", "--json"});
+    testsupport::AppRun again = app({"ls", "--json"});
     EXPECT_EQ(again.rc, 0) << again.err;
     EXPECT_EQ(testsupport::catalogue_entries(again.out), 0);
 }
 
 TEST_F(Fault, CardRemovedDuringTheWalkGivesAWholeCatalogueOfWhatWasLeft) {
     for (int d = 0; d < 40; ++d) {
-        std::string dir = root + "/DCIM/" + std::to_string(100 + d) + "MEDIA";
+        std::string dir = dcim + "/" + std::to_string(100 + d) + "MEDIA";
         testsupport::make_dirs(dir);
         for (int i = 0; i < 100; ++i) {
             testsupport::write_file(dir + "/IMG_" + std::to_string(1000 + i) + ".JPG", "x");
@@ -132,14 +89,12 @@ TEST_F(Fault, CardRemovedDuringTheWalkGivesAWholeCatalogueOfWhatWasLeft) {
     }
     start();
     std::thread pull([&] { testsupport::remove_tree(root); });
-    testsupport::AppRun cat = run_app(server->port(), {"--packsize", "65535", "ls", "--json"});
+    testsupport::AppRun cat = app({"--packsize", "65535", "ls", "--json"});
     pull.join();
     // Whatever the walk still saw, the text is whole and well formed.
     ASSERT_EQ(cat.rc, 0) << cat.err;
-    int entries = testsupport::catalogue_entries(cat.out);
-    EXPECT_GE(entries, 0);
-    EXPECT_LE(entries, 4000);
-    clean_app_is_served();
+    EXPECT_GE(testsupport::catalogue_entries(cat.out), 0);
+    expect_served();
 }
 
 TEST_F(Fault, CardRemovedMidDownloadStillDeliversTheOpenFile) {
@@ -147,7 +102,7 @@ TEST_F(Fault, CardRemovedMidDownloadStillDeliversTheOpenFile) {
     add("VID_0001.MP4", bytes);
     start();
     app::Client c;
-    connect(c);
+    ASSERT_TRUE(testsupport::connect_app(c, server->port(), peer++));
     ASSERT_EQ(open_download(c, "100MEDIA-VID_0001.MP4", 4096, 16), bytes.size());
     // The open descriptor keeps the file's pages, so later regions still map them.
     testsupport::remove_tree(root);
@@ -163,7 +118,7 @@ TEST_F(Fault, CardRemovedMidDownloadStillDeliversTheOpenFile) {
         }
     }
     EXPECT_TRUE(got == bytes);
-    clean_app_is_served();
+    expect_served();
 }
 
 // The app holds back its reads, so the burst is still being built when the file shrinks;
@@ -173,7 +128,7 @@ TEST_F(Fault, FileShrunkDuringABurstEndsTheBurstAndTheServerGoesOn) {
     std::string path = add("VID_0003.MP4", bytes);
     start();
     app::Client c;
-    connect(c, 256 << 10);
+    ASSERT_TRUE(testsupport::connect_app(c, server->port(), peer++, 256 << 10));
     ASSERT_EQ(open_download(c, "100MEDIA-VID_0003.MP4", 65535, 320), bytes.size());
     ASSERT_EQ(c.ctrl(MSG_CHUNK, 0), app::CLIENT_OK);
     // The server has filled the window and waits on it when more than a packet is queued.
@@ -187,21 +142,10 @@ TEST_F(Fault, FileShrunkDuringABurstEndsTheBurstAndTheServerGoesOn) {
     // refused with 0xFB06, or the kernel failed the write halfway through a packet, and a
     // connection left inside a packet is closed.
     uint64_t received = 0;
-    for (;;) {
-        app::Reply r;
-        int rr = c.read_reply_of(MSG_CHUNK, r, TIMEOUT_MS);
-        if (rr == app::CLIENT_CLOSED) {
-            break;
-        }
-        ASSERT_EQ(rr, app::CLIENT_OK);
-        if (r.reqType == 1) {
-            EXPECT_EQ(r.ackCode, ACK_FAILED);
-            break;
-        }
-        received += r.payload.size();
-    }
+    int end = drain(c, received, TIMEOUT_MS);
+    EXPECT_TRUE(end == app::CLIENT_CLOSED || end == int(ACK_FAILED)) << end;
     EXPECT_LT(received, 65535ull * 320);
-    clean_app_is_served();
+    expect_served();
 }
 
 // A card so full that not even a directory fits: the holding directory cannot be made,
@@ -224,15 +168,14 @@ TEST_F(Fault, FullCardDuringADeleteUnlinksDirectly) {
     }
     ASSERT_LT(fillers, 64) << "the card never filled up";
     start();
-    testsupport::AppRun rm = run_app(server->port(), {"rm", "100MEDIA-VID_0001.MP4"});
-    EXPECT_EQ(rm.rc, app::EXIT_BAD_LOCATION);
-    EXPECT_EQ(rm.out, "ack: done (0xFB00)\nack: bad location (0xFB10)\n");
+    EXPECT_EQ(app({"rm", "100MEDIA-VID_0001.MP4"}).out,
+              "ack: done (0xFB00)\nack: bad location (0xFB10)\n");
     // The unlinks follow the reply.
     EXPECT_TRUE(
         testsupport::eventually([&] { return !testsupport::exists(media + "/VID_0001.2nd"); }));
     EXPECT_FALSE(testsupport::exists(media + "/VID_0001.MP4"));
     EXPECT_TRUE(testsupport::exists(root + "/fill0"));
-    clean_app_is_served();
+    expect_served();
     server.reset();  // before the card is unmounted
 }
 
@@ -246,13 +189,13 @@ TEST_F(Fault, AppThatNeverReadsIsDroppedAndOthersAreServed) {
     start();
     const int baseFds = testsupport::open_fd_count();
     app::Client stalled;
-    connect(stalled, 256 << 10);
+    ASSERT_TRUE(testsupport::connect_app(stalled, server->port(), peer++, 256 << 10));
     ASSERT_EQ(open_download(stalled, "100MEDIA-VID_0004.MP4", 65535, 256), bytes.size());
     ASSERT_EQ(stalled.ctrl(MSG_CHUNK, 0), app::CLIENT_OK);
     Clock::time_point stalledAt = Clock::now();
 
     // Served while the stalled stream is blocked on its full socket.
-    clean_app_is_served("100MEDIA-IMG_0001.JPG", photo);
+    expect_served(0, "100MEDIA-IMG_0001.JPG", photo);
     EXPECT_LT(Clock::now() - stalledAt, std::chrono::seconds(5))
         << "the other app waited for the stalled one";
 
@@ -261,13 +204,7 @@ TEST_F(Fault, AppThatNeverReadsIsDroppedAndOthersAreServed) {
     EXPECT_EQ(testsupport::fds_settle_to(baseFds + 1), baseFds + 1);
     EXPECT_GE(Clock::now() - stalledAt, std::chrono::seconds(5));
     uint64_t received = 0;
-    int rr = app::CLIENT_OK;
-    while (rr == app::CLIENT_OK) {
-        app::Reply r;
-        rr = stalled.read_reply(r, 20000);
-        received += r.payload.size();
-    }
-    EXPECT_EQ(rr, app::CLIENT_CLOSED);
+    EXPECT_EQ(drain(stalled, received, 20000), app::CLIENT_CLOSED);
     EXPECT_LT(received, bytes.size());
     stalled.close_connection();
     EXPECT_EQ(testsupport::fds_settle_to(baseFds), baseFds) << "descriptors left open";
