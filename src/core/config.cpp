@@ -1,37 +1,31 @@
 // Storage root and capability path: the fixed constants, unless a test has moved them.
 #include "core/config.h"
 
-#include <string>
+#include <cstdio>
 
 namespace korvel {
 
 namespace {
-std::string& sd_root_override() {
-    static std::string value;
-    return value;
-}
-std::string& capability_override() {
-    static std::string value;
-    return value;
-}
+// Plain arrays, not strings: the process-wide deleter thread may still read the root while
+// the process exits, and an array has no destructor to race with.
+char sdRootOverride[TEXT_BUF];
+char capabilityOverride[TEXT_BUF];
 }  // namespace
 
 const char* active_sd_root() {
-    const std::string& v = sd_root_override();
-    return v.empty() ? SD_ROOT : v.c_str();
+    return sdRootOverride[0] == '\0' ? SD_ROOT : sdRootOverride;
 }
 
 const char* active_capability_path() {
-    const std::string& v = capability_override();
-    return v.empty() ? CAPABILITY_PATH : v.c_str();
+    return capabilityOverride[0] == '\0' ? CAPABILITY_PATH : capabilityOverride;
 }
 
 namespace testing_seam {
 void set_sd_root(const char* root) {
-    sd_root_override() = root ? root : "";
+    snprintf(sdRootOverride, sizeof sdRootOverride, "%s", root ? root : "");
 }
 void set_capability_path(const char* path) {
-    capability_override() = path ? path : "";
+    snprintf(capabilityOverride, sizeof capabilityOverride, "%s", path ? path : "");
 }
 }  // namespace testing_seam
 
