@@ -1,5 +1,6 @@
 // Arbitrary bytes as a photo: both readers and the segment walk must stay inside the input
 // and leave every text field terminated; a thumbnail is copied only when it fits.
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -7,15 +8,17 @@
 #include <vector>
 
 #include "media/exif.h"
-#include "scratch_file.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    std::string path = scratch_file("fuzz_exif", data, size);
+    int fd = memfd_create("photo", 0);
+    if (write(fd, data, size) != ssize_t(size)) {
+        abort();
+    }
     // The record's field sizes, each its own heap block so a write past one is caught.
     std::vector<char> f[6] = {std::vector<char>(32), std::vector<char>(32), std::vector<char>(16),
                               std::vector<char>(16), std::vector<char>(16), std::vector<char>(16)};
-    korvel::exif_read_photo_info(f[0].data(), f[1].data(), f[2].data(), f[3].data(), f[4].data(),
-                                 f[5].data(), path.c_str());
+    korvel::exif_read_photo_info_fd(f[0].data(), f[1].data(), f[2].data(), f[3].data(), f[4].data(),
+                                    f[5].data(), fd);
     std::vector<uint8_t> segment(data, data + size);  // its end is the heap block's end
     korvel::exif_parse_app1(segment.data(), uint32_t(size), f[0].data(), f[1].data(), f[2].data(),
                             f[3].data(), f[4].data(), f[5].data());
@@ -28,11 +31,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (uint32_t capacity : {size > 0 ? data[size - 1] * 4u : 0u, 122880u}) {
         std::vector<uint8_t> buf(capacity + 1);
         uint32_t got = 0;
-        if (korvel::exif_read_thumbnail(path.c_str(), buf.data(), capacity, &got) == 0 &&
+        if (korvel::exif_read_thumbnail_fd(fd, buf.data(), capacity, &got) == 0 &&
             (got == 0 || got > capacity)) {
             abort();
         }
     }
-    unlink(path.c_str());
+    close(fd);
     return 0;
 }

@@ -17,14 +17,6 @@ std::string box(const char* type, const std::string& payload) {
     return be32(uint32_t(payload.size() + 8)) + std::string(type, 4) + payload;
 }
 
-std::string box64(const char* type, const std::string& payload) {
-    return be32(1) + std::string(type, 4) + be64(payload.size() + 16) + payload;
-}
-
-std::string box_to_end(const char* type, const std::string& payload) {
-    return be32(0) + std::string(type, 4) + payload;
-}
-
 std::string full_box(const char* type, uint8_t version, const std::string& payload) {
     return box(type, std::string(1, char(version)) + std::string(3, '\0') + payload);
 }
@@ -35,23 +27,6 @@ std::string ftyp(const char* brand) {
 
 std::string mvhd() {
     return full_box("mvhd", 0, std::string(96, '\0'));
-}
-
-std::string mdat(size_t bytes) {
-    return box("mdat", std::string(bytes, '\x55'));
-}
-
-static std::string tkhd(uint32_t id, uint32_t width1616, uint32_t height1616) {
-    // Times, reserved words, layer, volume and matrix are all zero: only id and size matter.
-    return full_box("tkhd", 0,
-                    std::string(8, '\0') + be32(id) + std::string(60, '\0') + be32(width1616) +
-                        be32(height1616));
-}
-
-static std::string mdhd(uint32_t timescale, uint64_t duration, uint8_t version) {
-    std::string times(version == 1 ? 16 : 8, '\0');
-    std::string length = version == 1 ? be64(duration) : be32(uint32_t(duration));
-    return full_box("mdhd", version, times + be32(timescale) + length + be32(0));
 }
 
 std::string visual_entry(const char* type, uint16_t width, uint16_t height,
@@ -71,9 +46,8 @@ std::string sound_entry(const char* type, uint16_t channels, uint16_t sampleSize
 }
 
 std::string avcc(uint8_t profile, uint8_t level, bool withPps) {
-    std::string sps = "\x67\x64\x00\x33";
-    std::string p = std::string{1, char(profile), 0, char(level), char(0xFF), char(0xE1)} +
-                    be16(uint16_t(sps.size())) + sps;
+    std::string p = std::string{1, char(profile), 0, char(level), char(0xFF), char(0xE1), 0, 4} +
+                    std::string("\x67\x64\x00\x33", 4);  // one 4-byte SPS
     if (withPps) {
         p += std::string(1, '\x01') + be16(2) + "\x68\xEE";
     }
@@ -95,39 +69,12 @@ std::string esds(uint8_t objectType, uint32_t avgBitrate, const std::string& dsi
     return full_box("esds", 0, descriptor(0x03, es));
 }
 
-std::string sinf(const char* originalFormat) {
-    std::string frma = originalFormat ? box("frma", std::string(originalFormat, 4)) : "";
-    return box("sinf", frma + full_box("schm", 0, "cenc" + be32(0x10000)));
-}
-
-std::string iods(uint8_t visual, uint8_t tag, bool url) {
-    std::string body =
-        url ? std::string{0x00, 0x3F, 0x04} + "a://"
-            : std::string{0x00, 0x4F, char(0xFF), char(0xFF), char(0xFF), char(visual), char(0xFF)};
-    return full_box("iods", 0, descriptor(tag, body));
-}
-
 std::string stsz(uint32_t constSize, uint32_t count, const std::vector<uint32_t>& sizes) {
     std::string p = be32(constSize) + be32(count);
     for (uint32_t s : sizes) {
         p += be32(s);
     }
     return full_box("stsz", 0, p);
-}
-
-std::string stz2(uint8_t fieldSize, const std::vector<uint32_t>& sizes) {
-    std::string p =
-        std::string(3, '\0') + std::string(1, char(fieldSize)) + be32(uint32_t(sizes.size()));
-    for (size_t i = 0; i < sizes.size(); ++i) {
-        if (fieldSize == 16) {
-            p += be16(uint16_t(sizes[i]));
-        } else if (i % 2 == 0) {
-            p += char(sizes[i] << 4);
-        } else {
-            p.back() = char(p.back() | char(sizes[i] & 0x0F));
-        }
-    }
-    return full_box("stz2", 0, p);
 }
 
 std::string trak(const TrackPlan& s) {
@@ -145,9 +92,15 @@ std::string trak(const TrackPlan& s) {
     std::string hdlr = full_box(
         "hdlr", 0,
         be32(0) + std::string(s.handler, 4) + std::string(12, '\0') + std::string("Handler\0", 8));
-    std::string mdia = box("mdia", mdhd(s.timescale, s.duration, s.mdhdVersion) + hdlr + minf);
-    std::string head = s.withTkhd ? tkhd(s.id, s.tkhdWidth, s.tkhdHeight) : std::string();
-    return box("trak", head + mdia);
+    bool v1 = s.duration > UINT32_MAX;
+    std::string mdhd = full_box("mdhd", v1,
+                                std::string(v1 ? 16 : 8, '\0') + be32(s.timescale) +
+                                    (v1 ? be64(s.duration) : be32(uint32_t(s.duration))) + be32(0));
+    // Times, reserved words, layer, volume and matrix are all zero: only id and size matter.
+    std::string tkhd = full_box("tkhd", 0,
+                                std::string(8, '\0') + be32(s.id) + std::string(60, '\0') +
+                                    be32(s.tkhdWidth) + be32(s.tkhdHeight));
+    return box("trak", (s.withTkhd ? tkhd : "") + box("mdia", mdhd + hdlr + minf));
 }
 
 std::string moov(const std::string& children) {
@@ -155,7 +108,7 @@ std::string moov(const std::string& children) {
 }
 
 std::string mp4_file(const std::string& moovBox) {
-    return ftyp() + moovBox + mdat(64);
+    return ftyp() + moovBox + box("mdat", std::string(64, '\x55'));
 }
 
 }  // namespace testsupport
