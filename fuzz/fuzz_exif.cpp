@@ -19,8 +19,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                               std::vector<char>(16), std::vector<char>(16), std::vector<char>(16)};
     korvel::exif_read_photo_info_fd(f[0].data(), f[1].data(), f[2].data(), f[3].data(), f[4].data(),
                                     f[5].data(), fd);
-    std::vector<uint8_t> segment(data, data + size);  // its end is the heap block's end
-    korvel::exif_parse_app1(segment.data(), uint32_t(size), f[0].data(), f[1].data(), f[2].data(),
+    // The input is a heap block of its own exact size (replay_main.cpp makes it so too).
+    korvel::exif_parse_app1(data, uint32_t(size), f[0].data(), f[1].data(), f[2].data(),
                             f[3].data(), f[4].data(), f[5].data());
     for (const auto& field : f) {
         if (memchr(field.data(), 0, field.size()) == nullptr) {

@@ -68,7 +68,6 @@ protected:
 TEST_F(Exif, WhereTheBlockSitsAndWhatAFaultSkips) {
     JpegPlan be = camera_plan("Korvel", "KV-200", 640, 480);
     be.bigEndian = true;
-    be.exif[0] = {TAG_PIXEL_X, EXIF_SHORT, 640};  // a SHORT width reads the same
     const std::pair<std::string, std::string> cases[] = {
         {PHOTO, CAMERA},
         {with_app0(jpeg_file(be), 18), CAMERA},  // the camera's APP0 is skipped
@@ -94,9 +93,7 @@ TEST_F(Exif, WhereTheBlockSitsAndWhatAFaultSkips) {
         EXPECT_EQ(facts(c.first), c.second) << &c - cases;
     }
     // IFD0 at 16, the farthest allowed (8 bytes of padding), and no file or no segment.
-    JpegPlan far;
-    far.ifd0 = {{TAG_RES_UNIT, EXIF_SHORT, 2}};
-    std::string file = jpeg_file(far).insert(20, 8, '\0');
+    std::string file = jpeg_file({false, {{TAG_RES_UNIT, EXIF_SHORT, 2}}}).insert(20, 8, '\0');
     file[5] += 8;  // the APP1 length
     file[TIFF + 4] = 16;
     EXPECT_EQ(facts(file), "0|k|k|k|k|2|k");
@@ -118,10 +115,7 @@ TEST_F(Exif, ValuesAreReadByTheirTypeAndCutToTheField) {
     };
     for (bool be : {false, true}) {
         for (const auto& [entry, want] : cases) {
-            JpegPlan photo;
-            photo.bigEndian = be;
-            photo.ifd0 = {entry};
-            EXPECT_EQ(facts(jpeg_file(photo), ""), want) << " be " << be;
+            EXPECT_EQ(facts(jpeg_file({be, {entry}}), ""), want) << " be " << be;
         }
     }
 }

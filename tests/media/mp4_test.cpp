@@ -2,6 +2,7 @@
 #include "media/mp4.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -77,7 +78,10 @@ TEST_F(Mp4, RefusesMalformedFiles) {
     testing::internal::GetCapturedStderr();
     EXPECT_STREQ(f[2], "c");
     EXPECT_EQ(mp4_open(nullptr), nullptr);
-    // The moov's memory cap: tests/system/hostile_files_test.cpp, Mp4ReaderStopsAtItsCaps.
+    // A sparse file whose moov is just over the memory cap: refused before it is read.
+    std::string huge = put(be32(uint32_t(MP4_MOOV_CAP + 16)) + "moov" + mvhd());
+    ASSERT_EQ(truncate(huge.c_str(), off_t(MP4_MOOV_CAP + 16)), 0);
+    EXPECT_EQ(mp4_open(huge.c_str()), nullptr);
 }
 
 TEST_F(Mp4, DurationConversionPastExactIntegers) {

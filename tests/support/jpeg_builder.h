@@ -29,10 +29,10 @@ struct ExifEntry {
 
 struct JpegPlan {
     bool bigEndian = false;  // MM instead of II
-    std::vector<ExifEntry> ifd0;
-    std::vector<ExifEntry> exif;  // after IFD0, which then points to it; none when empty
-    std::string thumbnail;        // in IFD1, written when non-empty (longer than 4 bytes)
-    std::string body;             // after APP1; empty means small_jpeg() without its SOI
+    std::vector<ExifEntry> ifd0 = {};
+    std::vector<ExifEntry> exif = {};  // after IFD0, which then points to it; none when empty
+    std::string thumbnail = "";        // in IFD1, written when non-empty (longer than 4 bytes)
+    std::string body = "";             // after APP1; empty means small_jpeg() without its SOI
 };
 
 std::string jpeg_file(const JpegPlan& photo);  // SOI, APP1, body
